@@ -1,0 +1,24 @@
+#pragma once
+
+#include <functional>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace ovalto::tool {
+
+// A subcommand of the `ovalto` tool. Each one registers itself from its own source file.
+struct Command {
+    std::string name;
+    std::string summary; // one line for `ovalto --help`
+    // Arguments after the subcommand name; returns the process exit status.
+    std::function<int(const std::vector<std::string>& args)> run;
+};
+
+struct CommandRegistrar {
+    explicit CommandRegistrar(Command command);
+};
+
+const std::vector<Command>& commands();
+
+} // namespace ovalto::tool
