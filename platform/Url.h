@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -7,24 +8,29 @@
 namespace ovalto::platform {
 
 // An absolute or relative URL reference (RFC 3986), parsed with uriparser. Immutable value.
+// Absolute URLs are kept in normal form (lower-case scheme and host, no dot segments).
 class Url {
 public:
-    // No value when `text` is not a valid URI reference.
+    // No value when `text` is not a valid URI reference (empty, or with spaces or control
+    // characters, which uriparser would otherwise let through in places).
     static std::optional<Url> parse(std::string_view text);
-    // `reference` resolved against `base` (RFC 3986 section 5); no value when either is invalid.
+    // `reference` resolved against `base` (RFC 3986 section 5); no value when either is invalid
+    // or `base` has no scheme.
     static std::optional<Url> parse(std::string_view reference, const Url& base);
+    // A file URL for a local path; a relative path is taken relative to the working directory.
     static Url fileUrl(std::string_view path);
 
     const std::string& absoluteString() const { return text_; }
-    std::optional<std::string> scheme() const;
-    std::optional<std::string> host() const;
-    std::optional<int> port() const;
-    std::string path() const;                  // percent-decoded, "" when empty
-    std::optional<std::string> query() const; // without the "?"
-    std::optional<std::string> fragment() const;
-    std::string lastPathComponent() const;    // "/" for the root, "" for an empty path
-    bool isFileUrl() const;
+    std::optional<std::string> scheme() const { return scheme_; }
+    std::optional<std::string> host() const { return host_; } // no value when empty
+    std::optional<int> port() const { return port_; }
+    std::string path() const;                                   // percent-decoded, "" when empty
+    std::optional<std::string> query() const { return query_; } // without the "?"
+    std::optional<std::string> fragment() const { return fragment_; }
+    std::string lastPathComponent() const; // "/" for the root, "" for an empty path
+    bool isFileUrl() const { return scheme_ == "file"; }
 
+    // The URL of the directory that holds the last path component (query and fragment dropped).
     Url deletingLastPathComponent() const;
     // Appends a component to the path; a "?query" inside `component` stays the query.
     Url appendingPathComponent(std::string_view component) const;
@@ -32,8 +38,21 @@ public:
     bool operator==(const Url& other) const { return text_ == other.text_; }
 
 private:
-    explicit Url(std::string text);
+    Url() = default;
+    std::string_view rawPath() const {
+        return std::string_view(text_).substr(pathBegin_, pathEnd_ - pathBegin_);
+    }
+
     std::string text_;
+    std::optional<std::string> scheme_;
+    std::optional<std::string> host_;
+    std::optional<int> port_;
+    std::optional<std::string> query_;
+    std::optional<std::string> fragment_;
+    std::size_t pathBegin_ = 0; // the raw (still encoded) path within text_
+    std::size_t pathEnd_ = 0;
+
+    friend struct UrlBuilder;
 };
 
 } // namespace ovalto::platform

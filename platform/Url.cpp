@@ -1,0 +1,251 @@
+#include "platform/Url.h"
+
+#include <uriparser/Uri.h>
+
+#include <cctype>
+#include <charconv>
+#include <cstring>
+#include <filesystem>
+#include <vector>
+
+namespace ovalto::platform {
+
+namespace {
+
+// Owns the members that uriparser allocates for one parsed URI.
+class UriHolder {
+public:
+    UriHolder() = default;
+    ~UriHolder() {
+        if (owned_) uriFreeUriMembersA(&uri_);
+    }
+    UriHolder(const UriHolder&) = delete;
+    UriHolder& operator=(const UriHolder&) = delete;
+
+    bool parse(std::string_view text) {
+        const char* error = nullptr;
+        owned_ = uriParseSingleUriExA(&uri_, text.data(), text.data() + text.size(), &error) == URI_SUCCESS;
+        return owned_;
+    }
+    bool resolve(const UriHolder& reference, const UriHolder& base) {
+        owned_ = uriAddBaseUriA(&uri_, &reference.uri_, &base.uri_) == URI_SUCCESS;
+        return owned_;
+    }
+    UriUriA& uri() { return uri_; }
+    const UriUriA& uri() const { return uri_; }
+
+private:
+    UriUriA uri_{};
+    bool owned_ = false;
+};
+
+// uriparser lets spaces and control characters through in places; a URL never contains them.
+bool isPlausible(std::string_view text) {
+    if (text.empty()) return false;
+    for (unsigned char c : text) {
+        if (c <= 0x20 || c >= 0x7f) return false;
+    }
+    return true;
+}
+
+std::optional<std::string> rangeText(const UriTextRangeA& range) {
+    if (range.first == nullptr) return std::nullopt;
+    return std::string(range.first, range.afterLast);
+}
+
+std::size_t rangeLength(const UriTextRangeA& range) {
+    return range.first == nullptr ? 0 : static_cast<std::size_t>(range.afterLast - range.first);
+}
+
+std::optional<std::string> normalisedText(UriHolder& holder) {
+    UriUriA& uri = holder.uri();
+    unsigned int mask = uriNormalizeSyntaxMaskRequiredA(&uri);
+    if (uri.hostData.ip6 != nullptr || uri.hostData.ipFuture.first != nullptr) mask &= ~URI_NORMALIZE_HOST;
+    if (mask != URI_NORMALIZED && uriNormalizeSyntaxExA(&uri, mask) != URI_SUCCESS) return std::nullopt;
+    int required = 0;
+    if (uriToStringCharsRequiredA(&uri, &required) != URI_SUCCESS) return std::nullopt;
+    std::vector<char> buffer(static_cast<std::size_t>(required) + 1);
+    if (uriToStringA(buffer.data(), &uri, required + 1, nullptr) != URI_SUCCESS) return std::nullopt;
+    std::string text(buffer.data());
+    if (uri.hostData.ip6 != nullptr) {
+        // uriparser writes IPv6 addresses out in full; keep the address as written, lower-cased.
+        std::string written = "[" + std::string(uri.hostText.first, uri.hostText.afterLast) + "]";
+        for (char& c : written)
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        std::string full = "[";
+        for (int i = 0; i < 16; i += 2) {
+            static constexpr char hex[] = "0123456789abcdef";
+            if (i > 0) full += ':';
+            for (int j = i; j < i + 2; ++j) {
+                full += hex[uri.hostData.ip6->data[j] >> 4];
+                full += hex[uri.hostData.ip6->data[j] & 0xf];
+            }
+        }
+        full += ']';
+        if (auto at = text.find(full); at != std::string::npos) text.replace(at, full.size(), written);
+    }
+    return text;
+}
+
+std::string percentDecoded(std::string_view text) {
+    std::string decoded(text);
+    uriUnescapeInPlaceExA(decoded.data(), URI_FALSE, URI_BR_DONT_TOUCH);
+    decoded.resize(std::strlen(decoded.c_str()));
+    return decoded;
+}
+
+// Escapes what may not appear in a path (or query) but leaves existing escapes alone, so that
+// a component can be given as URI text.
+std::string escapedComponent(std::string_view text, bool query) {
+    static constexpr char hex[] = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char c : text) {
+        const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                             std::strchr("-._~!$&'()*+,;=:@/%", c) != nullptr || (query && c == '?');
+        if (allowed && c != '\0') {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += hex[c >> 4];
+            out += hex[c & 0xf];
+        }
+    }
+    return out;
+}
+
+} // namespace
+
+// Builds the value from normalised text, taking every component from uriparser's ranges.
+struct UrlBuilder {
+    static std::optional<Url> make(std::string text) {
+        UriHolder holder;
+        if (!holder.parse(text)) return std::nullopt;
+        const UriUriA& uri = holder.uri();
+        Url url;
+        url.scheme_ = rangeText(uri.scheme);
+        url.host_ = rangeText(uri.hostText);
+        if (url.host_ && url.host_->empty()) url.host_.reset();
+        if (auto port = rangeText(uri.portText); port && !port->empty()) {
+            int value = 0;
+            auto [end, error] = std::from_chars(port->data(), port->data() + port->size(), value);
+            if (error == std::errc() && end == port->data() + port->size()) url.port_ = value;
+        }
+        url.query_ = rangeText(uri.query);
+        url.fragment_ = rangeText(uri.fragment);
+
+        // Empty segments may point outside the text, so the path is located by its length,
+        // counted back from the query and fragment.
+        std::size_t pathLength = 0;
+        std::size_t segments = 0;
+        for (const UriPathSegmentA* segment = uri.pathHead; segment != nullptr; segment = segment->next) {
+            pathLength += rangeLength(segment->text);
+            ++segments;
+        }
+        if (segments > 1) pathLength += segments - 1;
+        if (uri.absolutePath || (uri.hostText.first != nullptr && segments > 0)) ++pathLength;
+        std::size_t end = text.size();
+        if (url.fragment_) end -= url.fragment_->size() + 1;
+        if (url.query_) end -= url.query_->size() + 1;
+        url.pathEnd_ = end;
+        url.pathBegin_ = end - pathLength;
+        url.text_ = std::move(text);
+        return url;
+    }
+};
+
+std::optional<Url> Url::parse(std::string_view text) {
+    if (!isPlausible(text)) return std::nullopt;
+    UriHolder holder;
+    if (!holder.parse(text)) return std::nullopt;
+    auto normalised = normalisedText(holder);
+    if (!normalised) return std::nullopt;
+    return UrlBuilder::make(std::move(*normalised));
+}
+
+std::optional<Url> Url::parse(std::string_view reference, const Url& base) {
+    if (!isPlausible(reference) || !base.scheme_) return std::nullopt;
+    UriHolder relative;
+    UriHolder absoluteBase;
+    UriHolder resolved;
+    if (!relative.parse(reference) || !absoluteBase.parse(base.text_) ||
+        !resolved.resolve(relative, absoluteBase))
+        return std::nullopt;
+    auto normalised = normalisedText(resolved);
+    if (!normalised) return std::nullopt;
+    return UrlBuilder::make(std::move(*normalised));
+}
+
+Url Url::fileUrl(std::string_view path) {
+    std::error_code error;
+    std::filesystem::path absolute =
+        path.empty() ? std::filesystem::current_path(error) : std::filesystem::absolute(path, error);
+    const std::string native = error ? std::string(path) : absolute.string();
+    // uriparser's documented bound for the converted text.
+    std::vector<char> buffer(8 + 3 * native.size() + 1);
+    if (uriUnixFilenameToUriStringA(native.c_str(), buffer.data()) == URI_SUCCESS) {
+        if (auto url = parse(buffer.data())) return *url;
+    }
+    return *parse("file:///");
+}
+
+std::string Url::path() const {
+    return percentDecoded(rawPath());
+}
+
+std::string Url::lastPathComponent() const {
+    std::string path = this->path();
+    if (path.empty() || path == "/") return path;
+    while (path.size() > 1 && path.back() == '/')
+        path.pop_back();
+    const auto slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+Url Url::deletingLastPathComponent() const {
+    std::string path(rawPath());
+    if (path != "/" && !path.empty()) {
+        while (path.size() > 1 && path.back() == '/')
+            path.pop_back();
+        const auto slash = path.rfind('/');
+        path = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+        if (path.empty() && !scheme_ && !host_) path = "./";
+    }
+    auto url = parse(text_.substr(0, pathBegin_) + path);
+    return url ? *url : *this;
+}
+
+Url Url::appendingPathComponent(std::string_view component) const {
+    std::optional<std::string_view> fragment;
+    if (auto hash = component.find('#'); hash != std::string_view::npos) {
+        fragment = component.substr(hash + 1);
+        component = component.substr(0, hash);
+    }
+    std::optional<std::string_view> query;
+    if (auto question = component.find('?'); question != std::string_view::npos) {
+        query = component.substr(question + 1);
+        component = component.substr(0, question);
+    }
+    const std::string_view path = rawPath();
+    const bool endsWithSlash = !path.empty() && path.back() == '/';
+    if (endsWithSlash) {
+        while (!component.empty() && component.front() == '/')
+            component.remove_prefix(1);
+    }
+    std::string text = text_.substr(0, pathEnd_);
+    if (!endsWithSlash && !component.starts_with('/') && !(path.empty() && !scheme_ && !host_)) text += '/';
+    text += escapedComponent(component, false);
+    if (query) {
+        text += '?' + escapedComponent(*query, true);
+    } else if (query_) {
+        text += '?' + *query_;
+    }
+    if (fragment) {
+        text += '#' + escapedComponent(*fragment, true);
+    } else if (fragment_) {
+        text += '#' + *fragment_;
+    }
+    auto url = parse(text);
+    return url ? *url : *this;
+}
+
+} // namespace ovalto::platform

@@ -1,0 +1,158 @@
+#include "platform/Url.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+using ovalto::platform::Url;
+
+namespace {
+
+Url url(const char* text) {
+    auto parsed = Url::parse(text);
+    EXPECT_TRUE(parsed) << text;
+    return parsed.value_or(*Url::parse("x:"));
+}
+
+TEST(UrlParse, AcceptsReferencesAndRejectsMalformedText) {
+    const struct {
+        const char* text;
+        bool valid;
+    } cases[] = {
+        {"http://h/a/b.m3u8?t=1#f", true},
+        {"https://[::1]:8443/x", true},
+        {"relative/path.ts", true},
+        {"/host/relative", true},
+        {"?only=query", true},
+        {"", false},
+        {"http://h/a b", false},
+        {" http://h/", false},
+        {"http://h/\t", false},
+        {"http://h/\x7f", false},
+        {"http://h/caf\xc3\xa9", false},
+        {"http://h/<x>", false},
+        {"http://[::1/", false},
+        {"ht tp://h", false},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(Url::parse(c.text).has_value(), c.valid) << c.text;
+}
+
+TEST(UrlParse, NormalisesAbsoluteUrls) {
+    EXPECT_EQ(url("HTTP://Example.COM:8080/a/./b/../c?Q=1#F").absoluteString(),
+              "http://example.com:8080/a/c?Q=1#F");
+    EXPECT_EQ(url("http://h/%7e%41").absoluteString(), "http://h/~A");
+    EXPECT_EQ(url("http://[::1]:80/x").absoluteString(), "http://[::1]:80/x");
+}
+
+TEST(UrlComponents, AreTakenFromTheParsedUri) {
+    const struct {
+        const char* text;
+        std::optional<std::string> scheme, host;
+        std::optional<int> port;
+        std::string path;
+        std::optional<std::string> query, fragment;
+        std::string last;
+    } cases[] = {
+        {"http://h:81/a/b%20c.m3u8?x=1&y#frag", "http", "h", 81, "/a/b c.m3u8", "x=1&y", "frag", "b c.m3u8"},
+        {"https://h", "https", "h", std::nullopt, "", std::nullopt, std::nullopt, ""},
+        {"https://h/", "https", "h", std::nullopt, "/", std::nullopt, std::nullopt, "/"},
+        {"http://h/dir/", "http", "h", std::nullopt, "/dir/", std::nullopt, std::nullopt, "dir"},
+        {"http://h/p?", "http", "h", std::nullopt, "/p", "", std::nullopt, "p"},
+        {"http://[::1]:8080/v", "http", "::1", 8080, "/v", std::nullopt, std::nullopt, "v"},
+        {"file:///tmp/x.ts", "file", std::nullopt, std::nullopt, "/tmp/x.ts", std::nullopt, std::nullopt,
+         "x.ts"},
+        {"../seg/1.ts", std::nullopt, std::nullopt, std::nullopt, "../seg/1.ts", std::nullopt, std::nullopt,
+         "1.ts"},
+        {"/abs", std::nullopt, std::nullopt, std::nullopt, "/abs", std::nullopt, std::nullopt, "abs"},
+        {"skd://k1", "skd", "k1", std::nullopt, "", std::nullopt, std::nullopt, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        const Url u = url(c.text);
+        EXPECT_EQ(u.scheme(), c.scheme);
+        EXPECT_EQ(u.host(), c.host);
+        EXPECT_EQ(u.port(), c.port);
+        EXPECT_EQ(u.path(), c.path);
+        EXPECT_EQ(u.query(), c.query);
+        EXPECT_EQ(u.fragment(), c.fragment);
+        EXPECT_EQ(u.lastPathComponent(), c.last);
+        EXPECT_EQ(u.isFileUrl(), c.scheme == "file");
+    }
+}
+
+TEST(UrlResolution, FollowsRfc3986) {
+    const Url base = url("http://a/b/c/d;p?q");
+    const struct {
+        const char* reference;
+        const char* expected;
+    } cases[] = {
+        {"g", "http://a/b/c/g"},
+        {"./g", "http://a/b/c/g"},
+        {"g/", "http://a/b/c/g/"},
+        {"/g", "http://a/g"},
+        {"//g", "http://g"},
+        {"?y", "http://a/b/c/d;p?y"},
+        {"g?y", "http://a/b/c/g?y"},
+        {"#s", "http://a/b/c/d;p?q#s"},
+        {"..", "http://a/b/"},
+        {"../../g", "http://a/g"},
+        {"../../../g", "http://a/g"},
+        {"https://o/z.ts", "https://o/z.ts"},
+        {"HTTP://O/./z", "http://o/z"},
+    };
+    for (const auto& c : cases) {
+        auto resolved = Url::parse(c.reference, base);
+        ASSERT_TRUE(resolved) << c.reference;
+        EXPECT_EQ(resolved->absoluteString(), c.expected) << c.reference;
+    }
+    EXPECT_FALSE(Url::parse("a b", base));
+    EXPECT_FALSE(Url::parse("g", url("relative/base")));
+}
+
+TEST(UrlPathEditing, DeletesAndAppendsComponents) {
+    const struct {
+        const char* base;
+        const char* expected;
+    } deleting[] = {
+        {"http://h/a/b.m3u8?t=1#f", "http://h/a/"},
+        {"http://h/a/b/", "http://h/a/"},
+        {"http://h/a", "http://h/"},
+        {"http://h/", "http://h/"},
+    };
+    for (const auto& c : deleting)
+        EXPECT_EQ(url(c.base).deletingLastPathComponent().absoluteString(), c.expected);
+
+    const struct {
+        const char* base;
+        const char* component;
+        const char* expected;
+    } appending[] = {
+        {"http://h/p", "a.m3u8?x=1", "http://h/p/a.m3u8?x=1"},
+        {"http://h/p/", "a.m3u8", "http://h/p/a.m3u8"},
+        {"http://h/p/", "/a.m3u8", "http://h/p/a.m3u8"},
+        {"http://h", "a", "http://h/a"},
+        {"http://h/p?k=v", "a", "http://h/p/a?k=v"},
+        {"http://h/p?k=v", "a?x", "http://h/p/a?x"},
+        {"http://h/p", "a b", "http://h/p/a%20b"},
+        {"http://h/p", "x/y", "http://h/p/x/y"},
+    };
+    for (const auto& c : appending)
+        EXPECT_EQ(url(c.base).appendingPathComponent(c.component).absoluteString(), c.expected)
+            << c.component;
+}
+
+TEST(UrlFile, EncodesLocalPaths) {
+    const Url file = Url::fileUrl("/tmp/a b#c.m3u8");
+    EXPECT_TRUE(file.isFileUrl());
+    EXPECT_EQ(file.absoluteString(), "file:///tmp/a%20b%23c.m3u8");
+    EXPECT_EQ(file.path(), "/tmp/a b#c.m3u8");
+    EXPECT_EQ(file.lastPathComponent(), "a b#c.m3u8");
+    EXPECT_FALSE(file.fragment());
+
+    const Url relative = Url::fileUrl("rel.txt");
+    EXPECT_TRUE(relative.path().starts_with("/"));
+    EXPECT_EQ(relative.lastPathComponent(), "rel.txt");
+}
+
+} // namespace
