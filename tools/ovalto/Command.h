@@ -20,5 +20,9 @@ struct CommandRegistrar {
 };
 
 const std::vector<Command>& commands();
+const Command* findCommand(const std::string& name);
+
+// The presentation in samples/sample (or $OVALTO_SAMPLE_DIR).
+std::string builtInSampleDirectory();
 
 } // namespace ovalto::tool

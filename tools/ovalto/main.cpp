@@ -1,28 +1,6 @@
 #include "Command.h"
 
-#include <algorithm>
 #include <iostream>
-
-namespace ovalto::tool {
-
-namespace {
-std::vector<Command>& registry() {
-    static std::vector<Command> all;
-    return all;
-}
-} // namespace
-
-CommandRegistrar::CommandRegistrar(Command command) {
-    auto& all = registry();
-    all.push_back(std::move(command));
-    std::sort(all.begin(), all.end(), [](const Command& a, const Command& b) { return a.name < b.name; });
-}
-
-const std::vector<Command>& commands() {
-    return registry();
-}
-
-} // namespace ovalto::tool
 
 namespace {
 void usage(std::ostream& out) {
@@ -44,9 +22,8 @@ int main(int argc, char** argv) {
         usage(args.empty() ? std::cerr : std::cout);
         return args.empty() ? 2 : 0;
     }
-    for (const auto& command : ovalto::tool::commands()) {
-        if (command.name == args[0]) return command.run({args.begin() + 1, args.end()});
-    }
+    if (const auto* command = ovalto::tool::findCommand(args[0]))
+        return command->run({args.begin() + 1, args.end()});
     std::cerr << "ovalto: unknown command '" << args[0] << "'\n\n";
     usage(std::cerr);
     return 2;

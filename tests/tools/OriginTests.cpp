@@ -1,0 +1,97 @@
+// The loopback origin of the tool: content types, and the live window sliding over VOD segments.
+#include "Command.h"
+#include "Origin.h"
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+using namespace ovalto::tool;
+using namespace std::chrono_literals;
+
+namespace {
+
+const std::string vod =
+    "#EXTM3U\r\n#EXT-X-VERSION:7\r\n#EXT-X-TARGETDURATION:2\r\n#EXT-X-MEDIA-SEQUENCE:0\r\n"
+    "#EXT-X-PLAYLIST-TYPE:VOD\r\n#EXT-X-MAP:URI=\"init.mp4\"\r\n"
+    "#EXTINF:2.0,\r\ns0.m4s\r\n#EXTINF:2.0,\r\ns1.m4s\r\n#EXTINF:2.0,\r\ns2.m4s\r\n"
+    "#EXTINF:2.0,\r\ns3.m4s\r\n#EXT-X-ENDLIST\r\n";
+
+std::vector<std::string> segmentsOf(const std::string& playlist) {
+    std::vector<std::string> uris;
+    std::istringstream in(playlist);
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty() && line[0] != '#') uris.push_back(line);
+    return uris;
+}
+
+} // namespace
+
+TEST(LiveWindowTest, SlidesOneSegmentPerTargetDurationAndLoops) {
+    struct Case {
+        std::chrono::milliseconds elapsed;
+        std::string sequence;
+        std::vector<std::string> segments;
+        bool discontinuity;
+    };
+    for (const auto& c : std::vector<Case>{
+             {0ms, "0", {"s0.m4s", "s1.m4s", "s2.m4s"}, false},
+             {1999ms, "0", {"s0.m4s", "s1.m4s", "s2.m4s"}, false},
+             {2000ms, "1", {"s1.m4s", "s2.m4s", "s3.m4s"}, false},
+             {4000ms, "2", {"s2.m4s", "s3.m4s", "s0.m4s"}, true},
+             {16000ms, "8", {"s0.m4s", "s1.m4s", "s2.m4s"}, true},
+         }) {
+        auto window = Origin::liveWindow(vod, c.elapsed, 3);
+        ASSERT_TRUE(window);
+        EXPECT_NE(window->find("#EXT-X-MEDIA-SEQUENCE:" + c.sequence + "\n"), std::string::npos) << *window;
+        EXPECT_EQ(segmentsOf(*window), c.segments) << *window;
+        EXPECT_EQ(window->find("#EXT-X-DISCONTINUITY\n") != std::string::npos, c.discontinuity) << *window;
+        EXPECT_EQ(window->find("ENDLIST"), std::string::npos);
+        EXPECT_EQ(window->find("PLAYLIST-TYPE"), std::string::npos);
+        EXPECT_NE(window->find("#EXT-X-MAP:URI=\"init.mp4\""), std::string::npos);
+    }
+}
+
+TEST(LiveWindowTest, MasterPlaylistsAreNotWindowed) {
+    EXPECT_FALSE(Origin::liveWindow("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nv.m3u8\n", 0ms, 3));
+    auto small = Origin::liveWindow("#EXTM3U\n#EXTINF:4,\nonly.ts\n", 0ms, 3);
+    ASSERT_TRUE(small);
+    EXPECT_EQ(segmentsOf(*small), std::vector<std::string>{"only.ts"});
+}
+
+TEST(OriginTest, ServesTheSampleWithHlsContentTypes) {
+    std::atomic<int> served{0};
+    Origin::Options options;
+    options.directory = builtInSampleDirectory();
+    options.onRequest = [&](auto&&...) { ++served; };
+    Origin origin(options);
+    ASSERT_TRUE(origin.start());
+    httplib::Client client("127.0.0.1", origin.port());
+    auto master = client.Get("/master.m3u8");
+    ASSERT_TRUE(master);
+    EXPECT_EQ(master->status, 200);
+    EXPECT_EQ(master->get_header_value("Content-Type"), "application/vnd.apple.mpegurl");
+    EXPECT_NE(master->body.find("#EXT-X-STREAM-INF"), std::string::npos);
+    auto segment = client.Get("/video/low/seg0.m4s");
+    ASSERT_TRUE(segment);
+    EXPECT_EQ(segment->get_header_value("Content-Type"), "video/iso.segment");
+    EXPECT_EQ(client.Get("/missing.m3u8")->status, 404);
+    origin.stop();
+    EXPECT_EQ(served.load(), 3);
+}
+
+TEST(OriginTest, LiveModeWindowsMediaPlaylistsOnly) {
+    Origin::Options options;
+    options.directory = builtInSampleDirectory();
+    options.live = true;
+    Origin origin(options);
+    ASSERT_TRUE(origin.start());
+    httplib::Client client("127.0.0.1", origin.port());
+    auto media = client.Get("/video/low/media.m3u8");
+    ASSERT_TRUE(media);
+    EXPECT_EQ(media->get_header_value("Content-Type"), "application/vnd.apple.mpegurl");
+    EXPECT_EQ(media->body.find("#EXT-X-ENDLIST"), std::string::npos);
+    EXPECT_EQ(segmentsOf(media->body).size(), 3u);
+    auto master = client.Get("/master.m3u8");
+    ASSERT_TRUE(master);
+    EXPECT_NE(master->body.find("video/high/media.m3u8"), std::string::npos);
+}
