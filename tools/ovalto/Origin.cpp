@@ -117,8 +117,8 @@ Origin::~Origin() {
 
 bool Origin::start(std::string* error) {
     if (!impl_->bind(error)) return false;
+    // The socket already listens, so clients may connect before the accept loop runs.
     impl_->thread = std::thread([this] { impl_->server.listen_after_bind(); });
-    impl_->server.wait_until_ready();
     return true;
 }
 
