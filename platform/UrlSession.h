@@ -37,7 +37,15 @@ public:
     struct Impl;
 
 private:
-    UrlSession();
+    // Sessions live in shared_ptrs (tasks refer back to them); only create() and shared() make one.
+    struct Key {
+        explicit Key() = default;
+    };
+
+public:
+    explicit UrlSession(Key);
+
+private:
     std::shared_ptr<DispatchQueue> queue_;
     std::shared_ptr<Impl> impl_;
     friend class UrlSessionDataTask;
@@ -49,15 +57,23 @@ public:
     void cancel(); // completes with urlErrorCancelled if still running
     const UrlRequest& originalRequest() const { return request_; }
 
-    UrlSessionDataTask(std::weak_ptr<UrlSession> session, UrlRequest request, UrlSession::Completion completion);
+    UrlSessionDataTask(std::weak_ptr<UrlSession> session, UrlRequest request,
+                       UrlSession::Completion completion);
+
+    struct State;
 
 private:
+    // Hands the outcome to the completion on the callback queue; only the first call counts.
+    bool complete(std::optional<Data> data, std::optional<UrlResponse> response, std::optional<Error> error);
+    bool isCompleted() const;
+    void readFile();
+
     std::weak_ptr<UrlSession> session_;
     UrlRequest request_;
     UrlSession::Completion completion_;
-    struct State;
     std::shared_ptr<State> state_;
     friend struct UrlSession::Impl;
+    friend class UrlTransport;
 };
 
 } // namespace ovalto::platform
