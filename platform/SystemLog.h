@@ -20,6 +20,7 @@ public:
     static void removeSink(int token);
     // Whether lines still go to standard error while sinks are installed (default true).
     static void setEchoToStandardError(bool echo);
+    static bool echoesToStandardError();
 };
 
 } // namespace ovalto::platform

@@ -1,0 +1,159 @@
+#include "platform/SystemLog.h"
+#include "support/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <thread>
+#include <unistd.h>
+
+using namespace ovalto::platform;
+using ovalto::test::LogCapture;
+
+namespace {
+
+// Points file descriptor 2 at a temporary file while it lives.
+class StandardErrorCapture {
+public:
+    StandardErrorCapture() {
+        char name[] = "/tmp/ovalto-stderr-XXXXXX";
+        int fd = mkstemp(name);
+        path_ = name;
+        std::fflush(stderr);
+        saved_ = dup(STDERR_FILENO);
+        dup2(fd, STDERR_FILENO);
+        close(fd);
+    }
+    ~StandardErrorCapture() {
+        restore();
+        unlink(path_.c_str());
+    }
+    // Restores standard error and returns the lines written meanwhile that contain `marker`.
+    std::vector<std::string> linesWith(const std::string& marker) {
+        restore();
+        std::ifstream in(path_);
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(in, line);) {
+            if (line.find(marker) != std::string::npos) lines.push_back(line);
+        }
+        return lines;
+    }
+
+private:
+    void restore() {
+        if (saved_ < 0) return;
+        dup2(saved_, STDERR_FILENO);
+        close(saved_);
+        saved_ = -1;
+    }
+    std::string path_;
+    int saved_ = -1;
+};
+
+struct Line {
+    long pid = 0;
+    long tid = 0;
+    std::string text;
+};
+
+// "2024-05-01T12:34:56.789+02:00 ovalto[<pid>:<tid>] <text>"; no value when the prefix is off.
+std::optional<Line> parse(const std::string& line) {
+    const std::string stamp = "dddd-dd-ddTdd:dd:dd.ddd?dd:dd ovalto["; // d: digit, ?: sign
+    if (line.size() < stamp.size()) return std::nullopt;
+    for (std::size_t i = 0; i < stamp.size(); ++i) {
+        char c = line[i];
+        bool ok = stamp[i] == 'd'   ? std::isdigit(static_cast<unsigned char>(c)) != 0
+                  : stamp[i] == '?' ? (c == '+' || c == '-')
+                                    : c == stamp[i];
+        if (!ok) return std::nullopt;
+    }
+    Line parsed;
+    const char* p = line.c_str() + stamp.size();
+    char* end = nullptr;
+    parsed.pid = std::strtol(p, &end, 10);
+    if (end == p || *end != ':') return std::nullopt;
+    p = end + 1;
+    parsed.tid = std::strtol(p, &end, 10);
+    if (end == p || std::string_view(end).substr(0, 2) != "] ") return std::nullopt;
+    parsed.text = end + 2;
+    return parsed;
+}
+
+TEST(SystemLog, WritesOneStampedLineWithTheTextVerbatim) {
+    StandardErrorCapture capture;
+    SystemLog::write("marker-verbatim 100% of %s %d %n done");
+    auto lines = capture.linesWith("marker-verbatim");
+    ASSERT_EQ(lines.size(), 1u);
+    auto line = parse(lines[0]);
+    ASSERT_TRUE(line) << lines[0];
+    EXPECT_EQ(line->text, "marker-verbatim 100% of %s %d %n done");
+    EXPECT_EQ(line->pid, static_cast<long>(getpid()));
+    EXPECT_EQ(line->tid, static_cast<long>(gettid()));
+}
+
+TEST(SystemLog, LinesFromConcurrentThreadsNeverInterleave) {
+    StandardErrorCapture capture;
+    constexpr int threads = 8;
+    constexpr int linesEach = 100;
+    std::vector<std::thread> writers;
+    for (int t = 0; t < threads; ++t) {
+        writers.emplace_back([t] {
+            // Long lines, so that a line written in pieces would show.
+            std::string body(2000, static_cast<char>('a' + t));
+            for (int i = 0; i < linesEach; ++i)
+                SystemLog::write("marker-concurrent " + body);
+        });
+    }
+    for (auto& writer : writers)
+        writer.join();
+
+    auto lines = capture.linesWith("marker-concurrent");
+    ASSERT_EQ(lines.size(), std::size_t{threads * linesEach});
+    for (const auto& line : lines) {
+        auto parsed = parse(line);
+        ASSERT_TRUE(parsed) << line.substr(0, 80);
+        const std::string& text = parsed->text;
+        ASSERT_EQ(text.size(), std::string("marker-concurrent ").size() + 2000);
+        EXPECT_EQ(text.find_first_not_of(text.back(), 18), std::string::npos);
+    }
+}
+
+TEST(SystemLog, SinksReceiveTextAndEchoCanBeTurnedOff) {
+    StandardErrorCapture standardError;
+    std::vector<std::string> seen;
+    {
+        LogCapture log;
+        SystemLog::write("marker-sink first");
+        std::thread([] { SystemLog::write("marker-sink from a thread"); }).join();
+        seen = log.lines();
+        EXPECT_TRUE(log.contains("from a thread"));
+    }
+    SystemLog::write("marker-sink after");
+    EXPECT_EQ(seen, (std::vector<std::string>{"marker-sink first", "marker-sink from a thread"}));
+    // Only the line written after the capture ended reached standard error.
+    auto lines = standardError.linesWith("marker-sink");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find("marker-sink after"), std::string::npos);
+}
+
+TEST(SystemLog, RemovedSinkIsNeverCalledAgainAndMayRemoveItself) {
+    LogCapture quiet;
+    int calls = 0;
+    int token = 0;
+    token = SystemLog::addSink([&](const std::string&) {
+        ++calls;
+        SystemLog::removeSink(token);
+    });
+    SystemLog::write("one");
+    SystemLog::write("two");
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(quiet.lines().size(), 2u);
+}
+
+} // namespace
