@@ -1,0 +1,208 @@
+#include "platform/DispatchQueue.h"
+#include "platform/ThreadPool.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+using namespace ovalto::platform;
+using namespace std::chrono_literals;
+
+namespace {
+
+// Only guards against hangs; never expected to run out.
+constexpr auto hangGuard = 30s;
+
+TEST(SerialQueue, RunsBlocksOneAtATimeInSubmissionOrderUnderConcurrentSubmitters) {
+    auto queue = DispatchQueue::serial("test.fifo");
+    constexpr int submitters = 4;
+    constexpr int blocksEach = 500;
+    std::atomic<int> running{0};
+    std::atomic<bool> overlapped{false};
+    std::vector<std::pair<int, int>> order; // touched only by the queue's blocks
+
+    std::vector<std::thread> threads;
+    for (int s = 0; s < submitters; ++s) {
+        threads.emplace_back([&, s] {
+            for (int i = 0; i < blocksEach; ++i) {
+                queue->async([&, s, i] {
+                    if (running.fetch_add(1) != 0) overlapped = true;
+                    order.emplace_back(s, i);
+                    running.fetch_sub(1);
+                });
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    queue->sync([] {});
+
+    EXPECT_FALSE(overlapped);
+    ASSERT_EQ(order.size(), std::size_t{submitters * blocksEach});
+    std::vector<int> next(submitters, 0);
+    for (auto [s, i] : order)
+        ASSERT_EQ(i, next[s]++) << "submitter " << s;
+}
+
+TEST(SerialQueue, DrainsPendingBlocksAfterTheLastHandleIsGone) {
+    DispatchSemaphore gate;
+    DispatchSemaphore done;
+    std::atomic<int> ran{0};
+    {
+        auto queue = DispatchQueue::serial("test.released");
+        queue->async([&] { gate.wait(); });
+        for (int i = 0; i < 10; ++i)
+            queue->async([&] { ++ran; });
+        queue->async([&] { done.signal(); });
+    }
+    gate.signal();
+    ASSERT_TRUE(done.wait(hangGuard));
+    EXPECT_EQ(ran, 10);
+}
+
+TEST(DispatchQueue, IsCurrentOnlyInsideItsOwnBlocks) {
+    auto queue = DispatchQueue::serial("test.current");
+    auto other = DispatchQueue::serial("test.other");
+    auto global = DispatchQueue::global();
+    EXPECT_FALSE(queue->isCurrent());
+    EXPECT_FALSE(global->isCurrent());
+
+    bool inSerial = false, otherInSerial = true, globalInSerial = true;
+    queue->sync([&] {
+        inSerial = queue->isCurrent();
+        otherInSerial = other->isCurrent();
+        globalInSerial = global->isCurrent();
+    });
+    EXPECT_TRUE(inSerial);
+    EXPECT_FALSE(otherInSerial);
+    EXPECT_FALSE(globalInSerial);
+
+    bool inGlobal = false, serialInGlobal = true;
+    global->sync([&] {
+        inGlobal = global->isCurrent();
+        serialInGlobal = queue->isCurrent();
+    });
+    EXPECT_TRUE(inGlobal);
+    EXPECT_FALSE(serialInGlobal);
+}
+
+TEST(GlobalQueue, BlockedBlocksDoNotStarveTheNextOne) {
+    auto global = DispatchQueue::global();
+    constexpr int blocked = 32;
+    DispatchSemaphore release;
+    DispatchSemaphore started;
+    DispatchSemaphore finished;
+    for (int i = 0; i < blocked; ++i) {
+        global->async([&] {
+            started.signal();
+            release.wait();
+            finished.signal();
+        });
+    }
+    for (int i = 0; i < blocked; ++i)
+        ASSERT_TRUE(started.wait(hangGuard)) << "only " << i << " started";
+
+    DispatchSemaphore ran;
+    global->async([&] { ran.signal(); });
+    bool thirtyThirdRan = ran.wait(hangGuard);
+
+    for (int i = 0; i < blocked; ++i)
+        release.signal();
+    for (int i = 0; i < blocked; ++i)
+        ASSERT_TRUE(finished.wait(hangGuard));
+    EXPECT_TRUE(thirtyThirdRan);
+}
+
+TEST(ThreadPool, IdleThreadsExit) {
+    ThreadPool pool("test.pool", 20ms);
+    DispatchSemaphore release;
+    DispatchSemaphore started;
+    for (int i = 0; i < 4; ++i) {
+        pool.submit([&] {
+            started.signal();
+            release.wait();
+        });
+    }
+    for (int i = 0; i < 4; ++i)
+        ASSERT_TRUE(started.wait(hangGuard));
+    EXPECT_EQ(pool.threadCount(), 4u);
+    for (int i = 0; i < 4; ++i)
+        release.signal();
+
+    auto deadline = std::chrono::steady_clock::now() + hangGuard;
+    while (pool.threadCount() > 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(5ms);
+    EXPECT_EQ(pool.threadCount(), 0u);
+}
+
+TEST(DispatchWorkItem, CancelledItemNeverRunsAndDropsItsCaptures) {
+    auto queue = DispatchQueue::serial("test.cancel");
+    auto capture = std::make_shared<int>(0);
+    std::weak_ptr<int> watch = capture;
+    std::atomic<bool> ran{false};
+
+    auto item = std::make_shared<DispatchWorkItem>([&ran, capture] { ran = true; });
+    capture.reset();
+    item->cancel();
+    EXPECT_TRUE(item->isCancelled());
+    EXPECT_TRUE(watch.expired());
+    queue->async(item);
+    queue->sync([] {});
+    EXPECT_FALSE(ran);
+}
+
+TEST(DispatchWorkItem, CancelledDelayedItemNeverRuns) {
+    auto queue = DispatchQueue::serial("test.cancel-after");
+    std::atomic<bool> cancelledRan{false};
+    std::atomic<bool> keptRan{false};
+    DispatchSemaphore marker;
+
+    auto cancelled = queue->asyncAfter(20ms, [&] { cancelledRan = true; });
+    auto kept = queue->asyncAfter(30ms, [&] { keptRan = true; });
+    cancelled->cancel();
+    // Delayed items reach the queue in deadline order, so once this one runs the others have.
+    queue->asyncAfter(80ms, [&] { marker.signal(); });
+    ASSERT_TRUE(marker.wait(hangGuard));
+    EXPECT_FALSE(cancelledRan);
+    EXPECT_TRUE(keptRan);
+    EXPECT_FALSE(kept->isCancelled());
+}
+
+TEST(DispatchQueue, SyncReturnsAfterTheBlockRanOnTheQueue) {
+    auto queue = DispatchQueue::serial("test.sync");
+    int value = 0;
+    bool onQueue = false;
+    queue->async([&] { value = 1; });
+    queue->sync([&] {
+        value *= 10;
+        onQueue = queue->isCurrent();
+    });
+    EXPECT_EQ(value, 10);
+    EXPECT_TRUE(onQueue);
+
+    // From a serial block into the global queue and back out.
+    int nested = 0;
+    queue->sync([&] { DispatchQueue::global()->sync([&] { nested = 7; }); });
+    EXPECT_EQ(nested, 7);
+}
+
+TEST(DispatchSemaphore, CountsSignalsAndTimesOut) {
+    DispatchSemaphore semaphore(1);
+    semaphore.signal();
+    semaphore.signal();
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(semaphore.wait(0ms)) << i;
+    EXPECT_FALSE(semaphore.wait(10ms));
+
+    // A "forever" timeout must not wrap around into an immediate failure.
+    std::thread signaller([&] {
+        std::this_thread::sleep_for(20ms);
+        semaphore.signal();
+    });
+    EXPECT_TRUE(semaphore.wait(std::chrono::steady_clock::duration::max()));
+    signaller.join();
+}
+
+} // namespace
