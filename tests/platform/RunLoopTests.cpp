@@ -1,0 +1,135 @@
+#include "platform/DispatchQueue.h"
+#include "platform/RunLoop.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+using namespace ovalto::platform;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto hangGuard = 30s;
+
+bool runUntil(const std::function<bool()>& done) {
+    return RunLoop::main().runFor(hangGuard, done);
+}
+
+TEST(MainQueue, RunsBlocksOnlyWhileTheRunLoopRuns) {
+    std::atomic<bool> ran{false};
+    std::thread::id ranOn;
+    bool wasCurrent = false;
+    std::thread([&] {
+        DispatchQueue::main()->async([&] {
+            ranOn = std::this_thread::get_id();
+            wasCurrent = DispatchQueue::main()->isCurrent();
+            ran = true;
+        });
+    }).join();
+    // Give a wrong implementation every chance to run the block on a thread of its own.
+    std::this_thread::sleep_for(20ms);
+    EXPECT_FALSE(ran);
+    EXPECT_FALSE(DispatchQueue::main()->isCurrent());
+
+    ASSERT_TRUE(runUntil([&] { return ran.load(); }));
+    EXPECT_EQ(ranOn, std::this_thread::get_id());
+    EXPECT_TRUE(wasCurrent);
+}
+
+TEST(MainQueue, FollowsWhicheverThreadDrivesTheLoop) {
+    for (int round = 0; round < 3; ++round) {
+        std::atomic<bool> ran{false};
+        std::thread::id ranOn;
+        DispatchQueue::main()->async([&] {
+            ranOn = std::this_thread::get_id();
+            ran = true;
+        });
+        std::thread::id driver;
+        if (round % 2 == 0) {
+            std::thread other([&] {
+                driver = std::this_thread::get_id();
+                runUntil([&] { return ran.load(); });
+            });
+            other.join();
+        } else {
+            driver = std::this_thread::get_id();
+            runUntil([&] { return ran.load(); });
+        }
+        ASSERT_TRUE(ran);
+        EXPECT_EQ(ranOn, driver) << "round " << round;
+    }
+}
+
+TEST(RunLoop, StopReturnsAfterTheCurrentBlockAndKeepsTheRest) {
+    std::vector<int> order;
+    DispatchQueue::main()->async([&] { order.push_back(1); });
+    DispatchQueue::main()->async([&] {
+        order.push_back(2);
+        RunLoop::main().stop();
+    });
+    DispatchQueue::main()->async([&] { order.push_back(3); });
+    RunLoop::main().run();
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
+
+    ASSERT_TRUE(runUntil([&] { return order.size() == 3; }));
+    EXPECT_EQ(order.back(), 3);
+}
+
+TEST(RunLoop, RunUntilReportsTheDeadlineWhenNotDone) {
+    EXPECT_FALSE(RunLoop::main().runFor(10ms, [] { return false; }));
+    EXPECT_TRUE(RunLoop::main().runFor(hangGuard, [] { return true; }));
+}
+
+TEST(Timer, RepeatingTimerStopsAtInvalidateFromItsBlockAndReleasesItsCaptures) {
+    auto capture = std::make_shared<int>(0);
+    std::weak_ptr<int> watch = capture;
+    int fired = 0;
+    std::thread::id firedOn;
+    auto timer = Timer::scheduledTimer(1ms, true, [&fired, &firedOn, capture](Timer& self) {
+        firedOn = std::this_thread::get_id();
+        if (++fired == 3) self.invalidate();
+    });
+    capture.reset();
+    EXPECT_FALSE(watch.expired()); // the timer keeps its block alive while valid
+
+    ASSERT_TRUE(runUntil([&] { return fired == 3; }));
+    EXPECT_FALSE(timer->isValid());
+    EXPECT_TRUE(watch.expired());
+    EXPECT_EQ(firedOn, std::this_thread::get_id());
+
+    RunLoop::main().runFor(30ms);
+    EXPECT_EQ(fired, 3);
+}
+
+TEST(Timer, InvalidateFromAnotherThreadStopsFiring) {
+    auto capture = std::make_shared<int>(0);
+    std::weak_ptr<int> watch = capture;
+    std::atomic<int> fired{0};
+    auto timer = Timer::scheduledTimer(1ms, true, [&fired, capture](Timer&) { ++fired; });
+    capture.reset();
+    ASSERT_TRUE(runUntil([&] { return fired >= 2; }));
+
+    std::thread([timer] { timer->invalidate(); }).join();
+    int firedAtInvalidate = fired;
+    RunLoop::main().runFor(30ms);
+    EXPECT_EQ(fired, firedAtInvalidate);
+    EXPECT_TRUE(watch.expired());
+}
+
+TEST(Timer, OneShotTimerFiresOnceAndOutlivesItsHandle) {
+    int fired = 0;
+    std::weak_ptr<Timer> watch;
+    {
+        auto timer = Timer::scheduledTimer(1ms, false, [&](Timer&) { ++fired; });
+        watch = timer;
+    }
+    EXPECT_FALSE(watch.expired()); // the run loop holds it until it fires
+    ASSERT_TRUE(runUntil([&] { return fired == 1; }));
+    RunLoop::main().runFor(20ms);
+    EXPECT_EQ(fired, 1);
+    EXPECT_TRUE(watch.expired());
+}
+
+} // namespace
