@@ -1,6 +1,7 @@
 #pragma once
 
 #include <any>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -16,7 +17,9 @@ struct Notification {
     std::map<std::string, std::any> userInfo;
 
     // The object as the type it was posted with, if it is still alive.
-    template <class T> std::shared_ptr<const T> objectAs() const { return std::static_pointer_cast<const T>(object); }
+    template <class T> std::shared_ptr<const T> objectAs() const {
+        return std::static_pointer_cast<const T>(object);
+    }
 };
 
 // Synchronous notification centre: post() calls every matching observer on the posting thread.
