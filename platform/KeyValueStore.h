@@ -11,11 +11,15 @@ namespace ovalto::platform {
 // The standard key-value store of the user (the platform's "defaults"), kept in an SQLite
 // database: $OVALTO_DEFAULTS_PATH when set, else $XDG_DATA_HOME/ovalto/defaults.sqlite3
 // (~/.local/share/ovalto/defaults.sqlite3). Safe from several threads and processes; a write
-// that returned survives a killed process.
+// that returned survives a killed process. Values keep their kind: a value stored with
+// setString() is read with string(), one stored with set() with data(); the other reads nothing.
+// Failures are logged and come back as false or no value.
 class KeyValueStore {
 public:
     static KeyValueStore& standard();
-    // A store on a database file of its own (tests, tools).
+    // Where standard() keeps its database, from the environment as it is now.
+    static std::string standardPath();
+    // A store on a database file of its own (tests, tools). Missing directories are created.
     static std::shared_ptr<KeyValueStore> open(const std::string& path);
 
     bool set(const Data& value, const std::string& key);
@@ -28,6 +32,8 @@ public:
 
     explicit KeyValueStore(const std::string& path);
     ~KeyValueStore();
+    KeyValueStore(const KeyValueStore&) = delete;
+    KeyValueStore& operator=(const KeyValueStore&) = delete;
 
 private:
     struct Impl;
