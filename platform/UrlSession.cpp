@@ -8,6 +8,7 @@
 #include <array>
 #include <atomic>
 #include <cctype>
+#include <charconv>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -138,6 +139,8 @@ struct Transfer {
     Clock::time_point lastActivity;
     curl_off_t uploaded = 0;
     std::array<char, CURL_ERROR_SIZE> errorText{};
+    int status = 0;            // of the latest status line
+    bool finalInterim = false; // stopped after a 1xx taken as the final response
 
     static size_t onBody(char* data, size_t size, size_t count, void* self) {
         auto& transfer = *static_cast<Transfer*>(self);
@@ -149,8 +152,8 @@ struct Transfer {
     static size_t onHeader(char* data, size_t size, size_t count, void* self) {
         auto& transfer = *static_cast<Transfer*>(self);
         transfer.lastActivity = Clock::now();
-        transfer.headerLine(std::string_view(data, size * count));
-        return size * count;
+        // Returning less than was given ends the transfer; see finalInterim.
+        return transfer.headerLine(std::string_view(data, size * count)) ? size * count : 0;
     }
 
     static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t uploadNow) {
@@ -163,24 +166,36 @@ struct Transfer {
         return 0;
     }
 
-    void headerLine(std::string_view line) {
+    // False to stop the transfer.
+    bool headerLine(std::string_view line) {
         if (line.starts_with("HTTP/")) {
             // A new response (after a redirect or an interim 1xx): only the last one is reported.
             responseHeaders.clear();
             setCookies.clear();
-            return;
+            status = 0;
+            const auto space = line.find(' ');
+            if (space != std::string_view::npos && line.size() >= space + 4)
+                std::from_chars(line.data() + space + 1, line.data() + space + 4, status);
+            return true;
         }
         const std::string_view content = trimmed(line);
         if (content.empty()) {
             storeCookies();
-            return;
+            // libcurl waits for another response after any 1xx. Codes without an interim meaning
+            // (all but 100 to 103) end the exchange here as the final response, so that callers
+            // see and reject them instead of waiting for a response that never comes.
+            if (status >= 104 && status <= 199) {
+                finalInterim = true;
+                return false;
+            }
+            return true;
         }
         if ((line.front() == ' ' || line.front() == '\t') && !responseHeaders.empty()) {
             responseHeaders.back().second += " " + std::string(content);
-            return;
+            return true;
         }
         const auto colon = content.find(':');
-        if (colon == std::string_view::npos) return;
+        if (colon == std::string_view::npos) return true;
         std::string name(trimmed(content.substr(0, colon)));
         std::string value(trimmed(content.substr(colon + 1)));
         if (std::equal(name.begin(), name.end(), "set-cookie", "set-cookie" + 10,
@@ -188,6 +203,7 @@ struct Transfer {
             name.size() == 10)
             setCookies.push_back(value);
         responseHeaders.emplace_back(std::move(name), std::move(value));
+        return true;
     }
 
     // Every response's cookies are kept, redirects included, each for the URL that set it.
@@ -209,8 +225,8 @@ struct Transfer {
     UrlResponse response() const {
         char* effective = nullptr;
         curl_easy_getinfo(easy.get(), CURLINFO_EFFECTIVE_URL, &effective);
-        long status = 0;
-        curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &status);
+        long code = status;
+        if (code == 0) curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &code);
         curl_off_t length = -1;
         curl_easy_getinfo(easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
         auto url = effective ? Url::parse(effective) : std::nullopt;
@@ -356,7 +372,7 @@ private:
         active_.erase(it);
         curl_multi_remove_handle(multi_.get(), easy);
         if (!result) return;
-        if (*result == CURLE_OK) {
+        if (*result == CURLE_OK || (*result == CURLE_WRITE_ERROR && transfer->finalInterim)) {
             transfer->storeCookies();
             auto response = transfer->response();
             transfer->task->complete(std::move(transfer->body), std::move(response), std::nullopt);

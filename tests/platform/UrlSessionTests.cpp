@@ -175,10 +175,14 @@ TEST_F(UrlSessionTest, StoresResponseCookiesAndSendsThemBack) {
 }
 
 TEST_F(UrlSessionTest, StatusesOutsideSuccessAreResponsesNotErrors) {
-    const auto outcome = perform(request(server.url("/status/404")));
-    EXPECT_FALSE(outcome.error);
-    ASSERT_TRUE(outcome.response);
-    EXPECT_EQ(outcome.response->statusCode, 404);
+    // 199 has no interim meaning, so it is the final response rather than a wait for another.
+    for (int status : {404, 300, 199, 500}) {
+        const auto outcome = perform(request(server.url("/status/" + std::to_string(status)), 5));
+        EXPECT_FALSE(outcome.error) << status;
+        ASSERT_TRUE(outcome.response) << status;
+        EXPECT_EQ(outcome.response->statusCode, status);
+        EXPECT_TRUE(outcome.data);
+    }
 }
 
 TEST_F(UrlSessionTest, MapsTransportFailuresToUrlErrors) {
