@@ -1,6 +1,7 @@
 #include "platform/DelayScheduler.h"
 
 #include "platform/DispatchQueue.h"
+#include "platform/NoDestructor.h"
 #include "platform/SystemLog.h"
 #include "platform/ThreadPool.h"
 
@@ -66,8 +67,8 @@ void timerLoop(const std::shared_ptr<DelayScheduler::State>& state) {
 } // namespace
 
 DelayScheduler& DelayScheduler::shared() {
-    static DelayScheduler instance;
-    return instance;
+    static NoDestructor<DelayScheduler> instance;
+    return *instance;
 }
 
 DelayScheduler::DelayScheduler()

@@ -2,6 +2,7 @@
 
 #include "platform/DelayScheduler.h"
 #include "platform/MainLoop.h"
+#include "platform/NoDestructor.h"
 #include "platform/SystemLog.h"
 #include "platform/ThreadPool.h"
 
@@ -125,13 +126,13 @@ std::shared_ptr<DispatchQueue> DispatchQueue::serial(std::string label) {
 }
 
 std::shared_ptr<DispatchQueue> DispatchQueue::global() {
-    static const std::shared_ptr<DispatchQueue> queue = std::make_shared<GlobalQueue>();
-    return queue;
+    static NoDestructor<const std::shared_ptr<DispatchQueue>> queue(std::make_shared<GlobalQueue>());
+    return *queue;
 }
 
 std::shared_ptr<DispatchQueue> DispatchQueue::main() {
-    static const std::shared_ptr<DispatchQueue> queue = std::make_shared<MainQueue>();
-    return queue;
+    static NoDestructor<const std::shared_ptr<DispatchQueue>> queue(std::make_shared<MainQueue>());
+    return *queue;
 }
 
 void DispatchQueue::async(const std::shared_ptr<DispatchWorkItem>& item) {

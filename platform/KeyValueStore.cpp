@@ -1,5 +1,6 @@
 #include "platform/KeyValueStore.h"
 
+#include "platform/NoDestructor.h"
 #include "platform/SystemLog.h"
 
 #include <cstdlib>
@@ -195,8 +196,8 @@ std::string KeyValueStore::standardPath() {
 }
 
 KeyValueStore& KeyValueStore::standard() {
-    static KeyValueStore store(standardPath());
-    return store;
+    static NoDestructor<KeyValueStore> store(standardPath());
+    return *store;
 }
 
 std::shared_ptr<KeyValueStore> KeyValueStore::open(const std::string& path) {

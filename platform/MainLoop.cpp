@@ -1,5 +1,7 @@
 #include "platform/MainLoop.h"
 
+#include "platform/NoDestructor.h"
+
 #include <algorithm>
 
 namespace ovalto::platform {
@@ -18,9 +20,8 @@ void waitUntil(std::condition_variable& cv, std::unique_lock<std::mutex>& lock, 
 } // namespace
 
 const std::shared_ptr<MainLoop>& MainLoop::shared() {
-    // The main queue and timers hold it too, so it outlives this static at exit.
-    static const std::shared_ptr<MainLoop> instance = std::make_shared<MainLoop>();
-    return instance;
+    static NoDestructor<const std::shared_ptr<MainLoop>> instance(std::make_shared<MainLoop>());
+    return *instance;
 }
 
 void MainLoop::enqueue(Block block) {

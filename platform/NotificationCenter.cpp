@@ -1,5 +1,7 @@
 #include "platform/NotificationCenter.h"
 
+#include "platform/NoDestructor.h"
+
 #include <atomic>
 #include <mutex>
 #include <vector>
@@ -40,8 +42,8 @@ NotificationCenter::NotificationCenter()
 NotificationCenter::~NotificationCenter() = default;
 
 NotificationCenter& NotificationCenter::defaultCenter() {
-    static NotificationCenter center;
-    return center;
+    static NoDestructor<NotificationCenter> center;
+    return *center;
 }
 
 NotificationCenter::Token NotificationCenter::addObserver(std::string name, std::weak_ptr<const void> object,

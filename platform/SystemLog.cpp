@@ -1,5 +1,7 @@
 #include "platform/SystemLog.h"
 
+#include "platform/NoDestructor.h"
+
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -27,8 +29,8 @@ struct Sinks {
 };
 
 Sinks& sinks() {
-    static Sinks instance;
-    return instance;
+    static NoDestructor<Sinks> instance;
+    return *instance;
 }
 
 // "2024-05-01T12:34:56.789+02:00": local time, so that lines match the machine's other logs.
