@@ -1,0 +1,296 @@
+#include "PlayList/MediaPlayList.h"
+
+#include "PlayList/Ext.h"
+#include "PlayList/PlayListText.h"
+#include "PlayList/Representation.h"
+#include "Utils/URLExtension.h"
+#include "ovalto/OVALog.h"
+#include "ovalto/Ovalto.h"
+
+#include <charconv>
+#include <cmath>
+#include <map>
+#include <memory>
+
+namespace ovalto {
+
+namespace {
+
+constexpr std::string_view fileName = "PlayList/MediaPlayList";
+constexpr std::string_view parseFunction = "parsePlayList(playList:baseUrl:container:)";
+constexpr std::string_view generateFunction = "generatePlayList(container:)";
+constexpr std::string_view segmentPrefix = "rdtp://local/";
+constexpr std::string_view segmentSuffix = ".ts";
+constexpr std::string_view initialSectionSuffix = "/-1.ts";
+constexpr std::int32_t timescale = 1000;
+
+template <class T> void appendInteger(std::string& out, T value) {
+    char buffer[24];
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+    out.append(buffer, result.ptr);
+}
+
+// The shortest text that reads back as the same double, in fixed notation with at least one
+// decimal ("6.006", "10.0").
+void appendSeconds(std::string& out, double seconds) {
+    char buffer[64];
+    const auto [end, error] =
+        std::to_chars(buffer, buffer + sizeof buffer, seconds, std::chars_format::fixed);
+    if (error != std::errc()) {
+        out += std::to_string(seconds);
+        return;
+    }
+    out.append(buffer, end);
+    if (std::isfinite(seconds) &&
+        std::string_view(buffer, std::size_t(end - buffer)).find('.') == std::string_view::npos)
+        out += ".0";
+}
+
+void appendAttributes(std::string& out, const AttributeList& attributes) {
+    bool first = true;
+    for (const auto& [name, value] : attributes) {
+        if (!first) out += ',';
+        first = false;
+        out += name;
+        out += '=';
+        out += value;
+    }
+}
+
+// An #EXTINF duration in whole milliseconds: the number before the first comma. A value that
+// is not a finite decimal number or does not fit 64 bits in milliseconds counts as missing.
+std::optional<std::int64_t> durationMilliseconds(std::string_view value) {
+    return playlisttext::parseMilliseconds(value.substr(0, value.find(',')));
+}
+
+} // namespace
+
+bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url& baseUrl,
+                                  Container& container) {
+    using namespace playlisttext;
+    if (!isValidUtf8(playList)) return false;
+    auto* representation = dynamic_cast<Representation*>(&container);
+    if (representation == nullptr) return false;
+    // The whole text is copied into the message only when the line would be written.
+    if (Ovalto::logLevel.load(std::memory_order_relaxed) <= OVALogLevel::debug) {
+        std::string message(parseFunction);
+        message += " : original\n";
+        message += playList;
+        OVALog(OVALogLevel::debug, message, parseFunction, fileName, 14);
+    }
+    if (!playList.starts_with(rawValue(Ext::ext))) return false;
+
+    // Everything is gathered here and published in one step at the end, so that concurrent
+    // segment requests see either the previous list or the new one.
+    const auto previousStart = representation->start.get();
+    platform::MediaTime running = previousStart ? *previousStart : platform::MediaTime::make(0, timescale);
+    std::vector<std::shared_ptr<Fragment>> fragments;
+    std::shared_ptr<Fragment> current;
+    std::map<long, AttributeList> keyAttributes;
+    AttributeList playlistAttributes;
+    AttributeList mapAttributes;
+    bool ended = false;
+    // Set only by the tags that were present; an outer value holding an empty inner one means
+    // the tag was there but unreadable.
+    std::optional<std::optional<long>> targetDuration;
+    std::optional<std::optional<std::int64_t>> sequence;
+    std::optional<std::optional<platform::Url>> initialURL;
+
+    forEachLine(playList, [&](std::string_view line) {
+        if (line.starts_with(rawValue(Ext::end))) {
+            ended = true;
+            return;
+        }
+        if (!line.starts_with(rawValue(Ext::ext))) {
+            // A URI line, or a comment read as one: it points the current fragment and appends it.
+            if (!current) return;
+            current->url.set(subUrl(baseUrl, line));
+            fragments.push_back(current);
+            return;
+        }
+        const TagLine tag = splitTag(line);
+        if (!tag.hasColon) return;
+        const auto ext = makeExt(tag.name);
+        if (!ext) return;
+        switch (*ext) {
+        case Ext::end:
+            ended = true;
+            break;
+        case Ext::xTargetDuration:
+            targetDuration = parseInteger<long>(tag.value);
+            break;
+        case Ext::xMediaSequence:
+            sequence = parseInteger<std::int64_t>(tag.value);
+            break;
+        case Ext::xKey:
+            keyAttributes[static_cast<long>(fragments.size())] = parseAttribute(line);
+            break;
+        case Ext::xPlaylistType:
+            playlistAttributes.set(std::string(tag.name), std::string(tag.value));
+            break;
+        case Ext::xMap:
+            mapAttributes = parseAttribute(line);
+            if (const auto* uri = mapAttributes.find("URI")) initialURL = subUrl(baseUrl, *uri);
+            break;
+        case Ext::inf: {
+            current = std::make_shared<Fragment>();
+            if (const auto milliseconds = durationMilliseconds(tag.value)) {
+                const auto duration = platform::MediaTime::make(*milliseconds, timescale);
+                current->duration.set(duration);
+                current->start.set(running);
+                running = running + duration;
+            }
+            break;
+        }
+        case Ext::xByteRange: {
+            if (!current) break;
+            const std::string_view value = tag.value;
+            const auto at = value.find('@');
+            current->length.set(parseInteger<std::int64_t>(value.substr(0, at)));
+            if (at != std::string_view::npos) {
+                const std::string_view rest = value.substr(at + 1);
+                current->offset.set(parseInteger<std::int64_t>(rest.substr(0, rest.find('@'))));
+            }
+            break;
+        }
+        default:
+            break;
+        }
+    });
+
+    representation->reset();
+    if (ended) representation->isLive.set(false);
+    if (targetDuration) representation->targetDuration.set(*targetDuration);
+    if (sequence) representation->sequence.set(*sequence);
+    if (initialURL) representation->initialURL.set(std::move(*initialURL));
+    representation->keyAttributes.set(std::move(keyAttributes));
+    representation->playlistAttributes.set(std::move(playlistAttributes));
+    representation->mapAttributes.set(std::move(mapAttributes));
+    representation->fragments.set(std::move(fragments));
+    representation->start.set(running);
+    return true;
+}
+
+std::optional<platform::Data> MediaPlayList::generatePlayList(Container& container) {
+    auto* representation = dynamic_cast<Representation*>(&container);
+    if (representation == nullptr) return std::nullopt;
+    const auto bitrate = representation->bitrate.get();
+    const auto streamIndex = representation->streamIndex.get();
+    if (!bitrate || !streamIndex) return std::nullopt;
+
+    const auto targetDuration = representation->targetDuration.get();
+    const auto sequence = representation->sequence.get();
+    if (!targetDuration || !sequence) {
+        OVALog(OVALogLevel::warning, "The EXT-X-TARGETDURATION and EXT-X-MEDIA-SEQUENCE tags are REQUIRED.",
+               generateFunction, fileName, 101);
+        return std::nullopt;
+    }
+
+    const auto fragments = representation->fragments.get();
+    const auto keyAttributes = representation->keyAttributes.get();
+
+    // "rdtp://local/<stream>/<bitrate>/", the start of every segment URI.
+    std::string prefix(segmentPrefix);
+    appendInteger(prefix, *streamIndex);
+    prefix += '/';
+    appendInteger(prefix, *bitrate);
+
+    std::string out;
+    out.reserve(128 + fragments.size() * (prefix.size() + 40));
+    out += rawValue(Ext::start);
+    out += '\n';
+    out += rawValue(Ext::xVersion);
+    out += '\n';
+    out += rawValue(Ext::xTargetDuration);
+    out += ':';
+    appendInteger(out, *targetDuration);
+    out += '\n';
+    out += rawValue(Ext::xMediaSequence);
+    out += ':';
+    appendInteger(out, *sequence);
+    representation->playlistAttributes.with([&](const AttributeList& attributes) {
+        for (const auto& [name, value] : attributes) {
+            out += '\n';
+            out += name;
+            out += ':';
+            out += value;
+        }
+    });
+    representation->mapAttributes.with([&](const AttributeList& attributes) {
+        if (attributes.empty()) return;
+        out += '\n';
+        out += rawValue(Ext::xMap);
+        out += ':';
+        bool first = true;
+        for (const auto& [name, value] : attributes) {
+            if (!first) out += ',';
+            first = false;
+            out += name;
+            out += '=';
+            if (name == "URI") {
+                out += '"';
+                out += prefix;
+                out += initialSectionSuffix;
+                out += '"';
+            } else {
+                out += value;
+            }
+        }
+    });
+
+    auto key = keyAttributes.begin();
+    for (std::size_t position = 0; position < fragments.size(); ++position) {
+        auto& fragment = *fragments[position];
+        while (key != keyAttributes.end() && key->first < static_cast<long>(position))
+            ++key;
+        if (key != keyAttributes.end() && key->first == static_cast<long>(position)) {
+            out += '\n';
+            out += rawValue(Ext::xKey);
+            out += ':';
+            appendAttributes(out, key->second);
+        }
+        std::int64_t index = 0;
+        if (__builtin_add_overflow(*sequence, static_cast<std::int64_t>(position), &index)) {
+            OVALog(OVALogLevel::warning,
+                   "The EXT-X-MEDIA-SEQUENCE value leaves no room for the segment indexes.", generateFunction,
+                   fileName, __LINE__);
+            return std::nullopt;
+        }
+        fragment.index.set(index);
+        const auto duration = fragment.duration.get();
+        if (!duration) {
+            OVALog(OVALogLevel::warning, "The fragment duration is REQUIRED.", generateFunction, fileName,
+                   133);
+            return std::nullopt;
+        }
+        out += '\n';
+        out += rawValue(Ext::inf);
+        out += ':';
+        appendSeconds(out, duration->seconds());
+        if (const auto length = fragment.length.get()) {
+            out += '\n';
+            out += rawValue(Ext::xByteRange);
+            out += ':';
+            appendInteger(out, *length);
+            if (const auto offset = fragment.offset.get()) {
+                out += '@';
+                appendInteger(out, *offset);
+            }
+        }
+        out += '\n';
+        out += prefix;
+        out += '/';
+        appendInteger(out, index);
+        out += segmentSuffix;
+    }
+    if (!representation->isLive.get()) {
+        out += '\n';
+        out += rawValue(Ext::end);
+    }
+
+    OVALog(OVALogLevel::debug, out, generateFunction, fileName, 152);
+    representation->playList.set(out);
+    return out;
+}
+
+} // namespace ovalto

@@ -1,0 +1,94 @@
+#pragma once
+
+// Text helpers shared by the master and media playlist parsers: line splitting, tag names and
+// values, and the strict number readers that decide which values count as missing.
+
+#include <charconv>
+#include <concepts>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <type_traits>
+
+namespace ovalto::playlisttext {
+
+// Whether `text` is well-formed UTF-8 (no overlongs, surrogates or code points past U+10FFFF).
+bool isValidUtf8(std::string_view text);
+
+// Calls `f(line)` for every line of `text`, trimmed of spaces and tabs, empty lines skipped.
+// Lines end at LF, VT, FF, CR, NEL, LINE SEPARATOR and PARAGRAPH SEPARATOR, so CRLF text splits
+// like LF text. An `f` that returns bool stops the walk by returning false.
+template <class F> void forEachLine(std::string_view text, F&& f) {
+    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+    const auto* const end = p + text.size();
+    const auto* lineStart = p;
+    // Returns false when `f` asked to stop.
+    auto emit = [&](const unsigned char* first, const unsigned char* last) -> bool {
+        while (first < last && (*first == ' ' || *first == '\t'))
+            ++first;
+        while (last > first && (last[-1] == ' ' || last[-1] == '\t'))
+            --last;
+        if (first == last) return true;
+        const std::string_view line(reinterpret_cast<const char*>(first), std::size_t(last - first));
+        if constexpr (std::is_same_v<decltype(f(line)), bool>) {
+            return f(line);
+        } else {
+            f(line);
+            return true;
+        }
+    };
+    while (p < end) {
+        const unsigned char c = *p;
+        std::size_t lineBreak = 0;
+        if (c >= 0x0A && c <= 0x0D) {
+            lineBreak = 1;
+        } else if (c == 0xC2) {
+            if (end - p >= 2 && p[1] == 0x85) lineBreak = 2;
+        } else if (c == 0xE2) {
+            if (end - p >= 3 && p[1] == 0x80 && (p[2] == 0xA8 || p[2] == 0xA9)) lineBreak = 3;
+        }
+        if (lineBreak == 0) {
+            ++p;
+            continue;
+        }
+        if (!emit(lineStart, p)) return;
+        p += lineBreak;
+        lineStart = p;
+    }
+    emit(lineStart, end);
+}
+
+// A tag line cut at its colons: the name before the first, the value between the first and the
+// second. `hasColon` is false for a bare tag such as "#EXT-X-ENDLIST".
+struct TagLine {
+    std::string_view name;
+    std::string_view value;
+    bool hasColon = false;
+};
+
+inline TagLine splitTag(std::string_view line) {
+    const auto colon = line.find(':');
+    if (colon == std::string_view::npos) return {line, {}, false};
+    std::string_view rest = line.substr(colon + 1);
+    return {line.substr(0, colon), rest.substr(0, rest.find(':')), true};
+}
+
+// A decimal integer of type T: an optional sign and digits, nothing else, within T's range.
+template <std::integral T> std::optional<T> parseInteger(std::string_view text) {
+    if (!text.empty() && text.front() == '+') {
+        text.remove_prefix(1);
+        if (text.empty() || text.front() == '-') return std::nullopt;
+    }
+    T value{};
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return value;
+}
+
+// A decimal number of seconds (optional sign, digits with an optional point, optional exponent)
+// times 1000, truncated toward zero. It is computed on the digits as written, so "1.001" is
+// 1001 ms where a binary double would give 1000.999... No value for text of another form
+// (including "inf" and "nan") or a result beyond 64 bits.
+std::optional<std::int64_t> parseMilliseconds(std::string_view text);
+
+} // namespace ovalto::playlisttext
