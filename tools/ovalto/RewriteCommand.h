@@ -1,0 +1,33 @@
+#pragma once
+
+#include "platform/Url.h"
+
+#include <cstdint>
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ovalto::tool {
+
+// What the library makes of one playlist: the text the player would receive, or why there is
+// none, with the warnings the library logged on the way.
+struct Rewritten {
+    std::optional<std::string> playList;
+    std::string error;
+    std::vector<std::string> warnings; // the messages of warning and error lines
+    std::vector<std::string> log;      // every line the library logged, as written
+    bool isMaster = false;
+};
+
+// Parses `text` (fetched from `baseUrl`) as the library does and generates it again: a master
+// playlist as the player receives it, a media playlist as the player gets it for stream `stream`
+// and representation `bitrate`.
+Rewritten rewritePlayList(std::string_view text, const platform::Url& baseUrl, long stream,
+                          std::int32_t bitrate);
+
+// `ovalto rewrite` with its arguments; returns the exit status.
+int rewriteCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
+} // namespace ovalto::tool
