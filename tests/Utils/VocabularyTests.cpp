@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 using namespace ovalto;
+using ovalto::test::LogCapture;
 
 namespace {
 
