@@ -1,0 +1,200 @@
+#include "Resources/RedirectResource.h"
+
+#include "PlayList/PlayListText.h"
+#include "PlayList/Presentation.h"
+#include "Resources/ModelLock.h"
+#include "Resources/PathComponents.h"
+#include "ovalto/OVALog.h"
+#include "ovalto/OvaltoError.h"
+#include "platform/LoadingRequest.h"
+
+#include <algorithm>
+
+namespace ovalto {
+
+namespace {
+
+constexpr const char* loadFunction = "load(loadingRequest:presentation:completion:)";
+
+Result failure(std::string message, int code) {
+    return Result::failure(OvaltoError::inputParam(std::move(message), code).toError());
+}
+
+std::string mediaTypeName(MediaType type) {
+    switch (type) {
+    case MediaType::audio:
+        return "audio";
+    case MediaType::text:
+        return "text";
+    default:
+        return "video";
+    }
+}
+
+std::string removingAll(std::string text, std::string_view what) {
+    if (what.empty()) return text;
+    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at))
+        text.erase(at, what.size());
+    return text;
+}
+
+// The 302 that answers a segment request; the header map travels on the response only.
+void redirect(platform::LoadingRequest& loadingRequest, const platform::Url& target, int timeout,
+              platform::HeaderFields headers = {}) {
+    loadingRequest.setRedirect(
+        platform::UrlRequest(target, platform::CachePolicy::reloadIgnoringLocalCacheData, timeout));
+    platform::UrlResponse response{.url = target,
+                                   .isHttp = true,
+                                   .statusCode = 302,
+                                   .headers = std::move(headers),
+                                   .mimeType = std::nullopt,
+                                   .expectedContentLength = -1};
+    loadingRequest.setResponse(std::move(response));
+}
+
+// The target moved onto the edge server with the smallest priority (the earliest among equals):
+// its path below the master playlist's directory is appended to the edge URL.
+std::optional<platform::Url> onEdge(const platform::Url& target, const Presentation& presentation) {
+    const auto edgeList = presentation.edgeList.get();
+    const auto master = presentation.url.get();
+    if (edgeList.empty() || !master) return std::nullopt;
+    const auto edge = std::min_element(edgeList.begin(), edgeList.end(),
+                                       [](const auto& a, const auto& b) { return a.priority < b.priority; });
+    const auto edgeUrl = platform::Url::parse(edge->url);
+    if (!edgeUrl) return std::nullopt;
+    const std::string base = master->deletingLastPathComponent().absoluteString();
+    return edgeUrl->appendingPathComponent(removingAll(target.absoluteString(), base));
+}
+
+// Sets `value` under `name`, replacing a field of that name (compared without case) in place.
+void replace(platform::HeaderFields& headers, const std::string& name, const std::string& value) {
+    // An empty value is a value too; setValue would drop the field instead.
+    if (value.empty()) {
+        headers.setValue({}, name);
+        headers.addValue({}, name);
+    } else {
+        headers.setValue(value, name);
+    }
+}
+
+} // namespace
+
+void RedirectResource::load(const std::shared_ptr<platform::LoadingRequest>& loadingRequest,
+                            const std::shared_ptr<Presentation>& presentation, Completion completion) {
+    if (!loadingRequest || !presentation) {
+        OVALog(OVALogLevel::error, "Input params for redirect request is not valid.", loadFunction, __FILE__,
+               __LINE__);
+        completion(failure("Redirect request is not valid", 0x8300));
+        return;
+    }
+    const platform::Url& requestUrl = loadingRequest->request().url;
+    OVALog(OVALogLevel::debug, requestUrl.absoluteString(), loadFunction, __FILE__, __LINE__);
+
+    const std::string path = requestUrl.path();
+    const std::string trimmed = removingAll(path, ".ts");
+    const auto components = pathComponents(trimmed);
+    std::optional<long> streamIndex;
+    std::optional<std::int32_t> key;
+    std::optional<std::int64_t> number;
+    if (components.size() >= 4) {
+        streamIndex = playlisttext::parseInteger<long>(components[1]);
+        key = playlisttext::parseInteger<std::int32_t>(components[2]);
+        number = playlisttext::parseInteger<std::int64_t>(components[3]);
+    }
+    if (!streamIndex || !key || !number || *streamIndex < 0) {
+        OVALog(OVALogLevel::error, path + " is not valid.", loadFunction, __FILE__, __LINE__);
+        completion(failure("Resource URl is not valid.", 0x8301));
+        return;
+    }
+
+    const auto stream = presentation->stream(*streamIndex);
+    const auto representation = stream ? stream->representation(*key) : nullptr;
+    std::optional<std::int64_t> sequence;
+    std::optional<platform::Url> initialURL;
+    std::vector<std::shared_ptr<Fragment>> fragments;
+    if (representation) {
+        // One consistent picture of the segment list, never one that a reload is half-way through.
+        std::lock_guard lock(modelLock(*representation));
+        sequence = representation->sequence.get();
+        initialURL = representation->initialURL.get();
+        fragments = representation->fragments.get();
+    }
+    if (!sequence) {
+        OVALog(OVALogLevel::error, "stream or representation is not created.", loadFunction, __FILE__,
+               __LINE__);
+        completion(failure("Stream or Representation is not created.", 0x8501));
+        return;
+    }
+
+    if (*number == -1) {
+        // The initialisation section goes straight to its source: no listener, edge or callback.
+        if (!initialURL) {
+            OVALog(OVALogLevel::error, "initial url is not created.", loadFunction, __FILE__, __LINE__);
+            completion(failure("Initial url is not created.", 0x8500));
+            return;
+        }
+        redirect(*loadingRequest, *initialURL, defaultTimeout);
+        completion(Result::success());
+        return;
+    }
+
+    std::int64_t index = 0;
+    std::shared_ptr<Fragment> fragment;
+    std::optional<platform::Url> target;
+    if (!__builtin_sub_overflow(*number, *sequence, &index) && index >= 0 &&
+        static_cast<std::uint64_t>(index) < fragments.size()) {
+        fragment = fragments[static_cast<std::size_t>(index)];
+        target = fragment->url.get();
+    }
+    if (!target) {
+        OVALog(OVALogLevel::error, "fragment is not created.", loadFunction, __FILE__, __LINE__);
+        completion(failure("Fragment is not created.", 0x8500));
+        return;
+    }
+
+    const MediaType mediaType = stream->mediaType.get();
+    RequestInfo requestInfo;
+    requestInfo.timeout = defaultTimeout;
+    if (auto listener = pluginListener.lock()) {
+        OVALog(OVALogLevel::debug, "onFragmentRequest", loadFunction, __FILE__, __LINE__);
+        requestInfo.uri = target->absoluteString();
+        requestInfo.type = mediaTypeName(mediaType);
+        listener->onFragmentRequest(requestInfo);
+        if (auto replaced = requestInfo.uri ? platform::Url::parse(*requestInfo.uri) : std::nullopt) {
+            target = std::move(replaced);
+            // Later requests for this fragment start from the listener's URL.
+            fragment->url.set(target);
+        }
+    }
+
+    if (auto moved = onEdge(*target, *presentation)) target = std::move(moved);
+    OVALog(OVALogLevel::debug, target->absoluteString(), loadFunction, __FILE__, __LINE__);
+
+    const Configurations noConfigurations;
+    const Configurations& settings = configurations ? *configurations : noConfigurations;
+    if (auto function = configurationValue<FragmentFunction>(settings, ConfigurationKey::function);
+        function && *function) {
+        fragment->attributes.with([&](auto& attributes) {
+            attributes["StreamIndex"] = std::to_string(*streamIndex);
+            attributes["MediaType"] = mediaTypeName(mediaType);
+            attributes["FragmentIndex"] = std::to_string(*number);
+            attributes["Bitrate"] = std::to_string(*key);
+        });
+        (*function)(std::any(fragment));
+    }
+
+    // The listener's pairs first (a repeated name keeps its last value), then the configured
+    // headers, which win over the listener's.
+    platform::HeaderFields headers;
+    for (const auto& [name, value] : requestInfo.headers)
+        replace(headers, name, value);
+    if (auto configured = configurationValue<Headers>(settings, ConfigurationKey::httpHeaders)) {
+        for (const auto& [name, value] : *configured)
+            replace(headers, name, value);
+    }
+    const int timeout = requestInfo.timeout.value_or(0) > 0 ? *requestInfo.timeout : defaultTimeout;
+    redirect(*loadingRequest, *target, timeout, std::move(headers));
+    completion(Result::success());
+}
+
+} // namespace ovalto
