@@ -1,0 +1,309 @@
+#include "PlayList/Presentation.h"
+#include "ResourceTestSupport.h"
+#include "Resources/RedirectResource.h"
+
+#include <gtest/gtest.h>
+
+namespace ovalto::test {
+namespace {
+
+platform::Url url(const std::string& text) {
+    return *platform::Url::parse(text);
+}
+
+// Hosts under .test are never contacted: a redirect is only decided here, never followed.
+// Stream 0 (video): 800000 with sequence 100, ten segments (the eighth without a URL) and an
+// initialisation section; 500000 without a sequence. Stream 1 (audio): key 0, sequence 0, two
+// segments, no initialisation section.
+struct Model {
+    std::shared_ptr<Presentation> presentation = std::make_shared<Presentation>();
+    std::shared_ptr<Representation> video = std::make_shared<Representation>();
+    std::shared_ptr<Representation> audio = std::make_shared<Representation>();
+
+    Model() {
+        presentation->url.set(url("http://origin.test/live/master.m3u8"));
+        video->sequence.set(100);
+        video->initialURL.set(url("http://origin.test/live/hd/init.mp4"));
+        std::vector<std::shared_ptr<Fragment>> fragments;
+        for (int i = 0; i < 10; ++i) {
+            auto fragment = std::make_shared<Fragment>();
+            if (i != 7) fragment->url.set(url("http://origin.test/live/hd/seg" + std::to_string(i) + ".ts"));
+            fragments.push_back(fragment);
+        }
+        video->fragments.set(fragments);
+        auto videoStream = std::make_shared<Stream>();
+        videoStream->representations.set({{800000, video}, {500000, std::make_shared<Representation>()}});
+
+        audio->sequence.set(0);
+        audio->fragments.set({std::make_shared<Fragment>(), std::make_shared<Fragment>()});
+        for (const auto& fragment : audio->fragments.get())
+            fragment->url.set(url("http://origin.test/live/en/a.aac"));
+        auto audioStream = std::make_shared<Stream>();
+        audioStream->mediaType.set(MediaType::audio);
+        audioStream->representations.set({{0, audio}});
+
+        presentation->streams.set({videoStream, audioStream});
+    }
+    std::shared_ptr<Fragment> videoFragment(std::size_t i) const { return video->fragments.get().at(i); }
+};
+
+struct Answer {
+    std::optional<Result> result;
+    int completions = 0;
+    std::optional<platform::UrlRequest> redirect;
+    std::optional<platform::UrlResponse> response;
+
+    std::optional<OvaltoError> error() const {
+        if (!result || result->isSuccess()) return std::nullopt;
+        return OvaltoError::from(*result->error());
+    }
+};
+
+class RedirectResourceTest : public ::testing::Test {
+protected:
+    Answer load(const std::string& requestUrl) { return load(PlayerRequest(requestUrl).request()); }
+    Answer load(const std::shared_ptr<platform::LoadingRequest>& request) {
+        Answer answer;
+        resource.load(request, model.presentation, [&](Result result) {
+            ++answer.completions;
+            answer.result = std::move(result);
+        });
+        if (request) {
+            answer.redirect = request->redirect();
+            answer.response = request->response();
+        }
+        return answer;
+    }
+
+    Model model;
+    RedirectResource resource;
+    std::shared_ptr<TestListener> listener = std::make_shared<TestListener>();
+};
+
+struct FailureRow {
+    const char* path;
+    const char* message;
+    int code;
+};
+
+class RedirectFailureTest : public RedirectResourceTest, public ::testing::WithParamInterface<FailureRow> {};
+
+TEST_P(RedirectFailureTest, CompletesOnceWithTheError) {
+    const auto& row = GetParam();
+    const auto answer = load(std::string("rdtp://local") + row.path);
+    EXPECT_EQ(answer.completions, 1);
+    ASSERT_TRUE(answer.error()) << row.path;
+    EXPECT_EQ(answer.error()->message(), row.message);
+    EXPECT_EQ(answer.error()->code(), row.code);
+    EXPECT_FALSE(answer.redirect);
+    EXPECT_FALSE(answer.response);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, RedirectFailureTest,
+    ::testing::Values(FailureRow{"/0/800000", "Resource URl is not valid.", 0x8301},
+                      FailureRow{"/0/abc/105.ts", "Resource URl is not valid.", 0x8301},
+                      FailureRow{"/0/800000/1x.ts", "Resource URl is not valid.", 0x8301},
+                      FailureRow{"/-1/800000/105.ts", "Resource URl is not valid.", 0x8301},
+                      FailureRow{"/0/4294967296/105.ts", "Resource URl is not valid.", 0x8301},
+                      FailureRow{"/0//105.ts", "Resource URl is not valid.", 0x8301},
+                      FailureRow{"/2/800000/105.ts", "Stream or Representation is not created.", 0x8501},
+                      FailureRow{"/0/123/105.ts", "Stream or Representation is not created.", 0x8501},
+                      FailureRow{"/0/500000/105.ts", "Stream or Representation is not created.", 0x8501},
+                      FailureRow{"/1/0/-1.ts", "Initial url is not created.", 0x8500},
+                      FailureRow{"/0/800000/99.ts", "Fragment is not created.", 0x8500},
+                      FailureRow{"/0/800000/110.ts", "Fragment is not created.", 0x8500},
+                      FailureRow{"/0/800000/107.ts", "Fragment is not created.", 0x8500},
+                      // N − sequence leaves the 64-bit range.
+                      FailureRow{"/0/800000/-9223372036854775808.ts", "Fragment is not created.", 0x8500}));
+
+TEST_F(RedirectResourceTest, WithoutALoadingRequestFailsAsInvalid) {
+    const auto answer = load(std::shared_ptr<platform::LoadingRequest>());
+    EXPECT_EQ(answer.completions, 1);
+    ASSERT_TRUE(answer.error());
+    EXPECT_EQ(answer.error()->message(), "Redirect request is not valid");
+    EXPECT_EQ(answer.error()->code(), 0x8300);
+}
+
+TEST_F(RedirectResourceTest, SegmentNumberMinusSequenceSelectsTheFragment) {
+    const auto answer = load("rdtp://local/0/800000/105.ts");
+    ASSERT_TRUE(answer.result && answer.result->isSuccess());
+    EXPECT_EQ(answer.completions, 1);
+    EXPECT_EQ(answer.redirect->url.absoluteString(), "http://origin.test/live/hd/seg5.ts");
+    EXPECT_EQ(answer.redirect->cachePolicy, platform::CachePolicy::reloadIgnoringLocalCacheData);
+    EXPECT_EQ(answer.redirect->timeoutInterval, 30);
+    EXPECT_TRUE(answer.redirect->headers.empty());
+    EXPECT_EQ(answer.response->statusCode, 302);
+    EXPECT_EQ(answer.response->url, answer.redirect->url);
+}
+
+TEST_F(RedirectResourceTest, InitialisationSectionIgnoresEdgesListenerHeadersAndFunction) {
+    model.presentation->edgeList.set({{1, "http://edge1.test/cdn"}});
+    int listenerCalls = 0, functionCalls = 0;
+    listener->fragmentRequest = [&](RequestInfo& info) {
+        ++listenerCalls;
+        info.headers.emplace_back("X", "2");
+    };
+    resource.pluginListener = listener;
+    resource.configurations = Configurations{
+        {ConfigurationKey::httpHeaders, Headers{{"X", "1"}}},
+        {ConfigurationKey::function, FragmentFunction([&](std::any) { ++functionCalls; })},
+    };
+
+    const auto answer = load("rdtp://local/0/800000/-1.ts");
+    ASSERT_TRUE(answer.result && answer.result->isSuccess());
+    EXPECT_EQ(answer.redirect->url.absoluteString(), "http://origin.test/live/hd/init.mp4");
+    EXPECT_EQ(answer.redirect->timeoutInterval, 30);
+    EXPECT_EQ(answer.response->statusCode, 302);
+    EXPECT_TRUE(answer.response->headers.empty());
+    EXPECT_EQ(listenerCalls, 0);
+    EXPECT_EQ(functionCalls, 0);
+}
+
+struct EdgeRow {
+    const char* name;
+    EdgeList edges;
+    const char* fragmentUrl;
+    bool masterKnown;
+    const char* expected;
+};
+
+class RedirectEdgeTest : public RedirectResourceTest, public ::testing::WithParamInterface<EdgeRow> {};
+
+TEST_P(RedirectEdgeTest, MovesTheFragmentOntoThePreferredEdge) {
+    const auto& row = GetParam();
+    model.presentation->edgeList.set(row.edges);
+    if (!row.masterKnown) model.presentation->url.set(std::nullopt);
+    model.videoFragment(5)->url.set(url(row.fragmentUrl));
+    const auto answer = load("rdtp://local/0/800000/105.ts");
+    ASSERT_TRUE(answer.result && answer.result->isSuccess());
+    EXPECT_EQ(answer.redirect->url.absoluteString(), row.expected);
+    EXPECT_EQ(answer.response->url.absoluteString(), row.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, RedirectEdgeTest,
+    ::testing::Values(
+        EdgeRow{"SmallestPriorityEarliestAmongEquals",
+                {{2, "http://edge2.test/a"}, {1, "http://edge1.test/cdn"}, {1, "http://edge3.test/b"}},
+                "http://origin.test/live/hd/seg5.ts",
+                true,
+                "http://edge1.test/cdn/hd/seg5.ts"},
+        EdgeRow{"QueryStaysAQuery",
+                {{1, "http://edge1.test/cdn"}},
+                "http://origin.test/live/hd/seg5.ts?token=a1",
+                true,
+                "http://edge1.test/cdn/hd/seg5.ts?token=a1"},
+        EdgeRow{"EdgeWithTrailingSlash",
+                {{0, "http://edge1.test/cdn/"}},
+                "http://origin.test/live/hd/seg5.ts",
+                true,
+                "http://edge1.test/cdn/hd/seg5.ts"},
+        EdgeRow{
+            "NoEdges", {}, "http://origin.test/live/hd/seg5.ts", true, "http://origin.test/live/hd/seg5.ts"},
+        EdgeRow{"UnparsableEdgeKeepsTheOrigin",
+                {{1, "not a url"}},
+                "http://origin.test/live/hd/seg5.ts",
+                true,
+                "http://origin.test/live/hd/seg5.ts"},
+        EdgeRow{"NoMasterUrlSkipsTheMove",
+                {{1, "http://edge1.test/cdn"}},
+                "http://origin.test/live/hd/seg5.ts",
+                false,
+                "http://origin.test/live/hd/seg5.ts"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(RedirectResourceTest, ListenerReplacementPersistsForTheNextRequestOfTheFragment) {
+    std::vector<std::optional<std::string>> seen;
+    listener->fragmentRequest = [&](RequestInfo& info) {
+        seen.push_back(info.uri);
+        info.uri = "http://other.test/x/seg5.ts";
+    };
+    resource.pluginListener = listener;
+
+    const auto first = load("rdtp://local/0/800000/105.ts");
+    ASSERT_TRUE(first.result && first.result->isSuccess());
+    EXPECT_EQ(first.redirect->url.absoluteString(), "http://other.test/x/seg5.ts");
+
+    RedirectResource next;
+    next.pluginListener = listener;
+    next.load(PlayerRequest("rdtp://local/0/800000/105.ts").request(), model.presentation, [](Result) {});
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0], "http://origin.test/live/hd/seg5.ts");
+    EXPECT_EQ(seen[1], "http://other.test/x/seg5.ts");
+}
+
+TEST_F(RedirectResourceTest, ListenerUriThatDoesNotParseLeavesTheTarget) {
+    listener->fragmentRequest = [](RequestInfo& info) { info.uri = "http://bad host/seg.ts"; };
+    resource.pluginListener = listener;
+    const auto answer = load("rdtp://local/0/800000/105.ts");
+    ASSERT_TRUE(answer.result && answer.result->isSuccess());
+    EXPECT_EQ(answer.redirect->url.absoluteString(), "http://origin.test/live/hd/seg5.ts");
+    EXPECT_EQ(model.videoFragment(5)->url.get()->absoluteString(), "http://origin.test/live/hd/seg5.ts");
+}
+
+TEST_F(RedirectResourceTest, ListenerSeesTheMediaTypeAndSetsTheTimeout) {
+    std::vector<std::optional<std::string>> types;
+    listener->fragmentRequest = [&](RequestInfo& info) {
+        types.push_back(info.type);
+        info.timeout = types.size() == 1 ? std::optional<std::int32_t>(5) : std::nullopt;
+    };
+    resource.pluginListener = listener;
+    const auto video = load("rdtp://local/0/800000/105.ts");
+    const auto audio = load("rdtp://local/1/0/1.ts");
+    EXPECT_EQ(types, (std::vector<std::optional<std::string>>{"video", "audio"}));
+    EXPECT_EQ(video.redirect->timeoutInterval, 5);
+    EXPECT_EQ(audio.redirect->timeoutInterval, 30); // a cleared timeout falls back
+}
+
+TEST_F(RedirectResourceTest, ConfiguredHeadersWinOverTheListenersOnThe302) {
+    listener->fragmentRequest = [](RequestInfo& info) {
+        info.headers = {{"X", "2"}, {"Y", "1"}, {"Y", "2"}, {"Empty", ""}};
+    };
+    resource.pluginListener = listener;
+    resource.configurations = Configurations{{ConfigurationKey::httpHeaders, Headers{{"X", "1"}}}};
+    resource.customHeaders = Headers{{"Z", "custom headers stay off segments"}};
+
+    const auto answer = load("rdtp://local/0/800000/105.ts");
+    ASSERT_TRUE(answer.result && answer.result->isSuccess());
+    const auto& headers = answer.response->headers;
+    EXPECT_EQ(headers.value("X"), "1");
+    EXPECT_EQ(headers.value("Y"), "2");
+    EXPECT_EQ(headers.value("Empty"), "");
+    EXPECT_FALSE(headers.value("Z"));
+    EXPECT_EQ(headers.all().size(), 3u);
+    EXPECT_TRUE(answer.redirect->headers.empty());
+}
+
+TEST_F(RedirectResourceTest, FunctionReceivesTheFragmentWithItsAttributes) {
+    std::vector<std::shared_ptr<Fragment>> reported;
+    resource.configurations = Configurations{
+        {ConfigurationKey::function, FragmentFunction([&](std::any value) {
+             reported.push_back(std::any_cast<std::shared_ptr<Fragment>>(value));
+         })},
+    };
+    model.audio->fragments.get().at(1)->attributes.set({{"StreamIndex", "stale"}, {"Other", "kept"}});
+
+    ASSERT_TRUE(load("rdtp://local/0/800000/105.ts").result->isSuccess());
+    ASSERT_TRUE(load("rdtp://local/1/0/1.ts").result->isSuccess());
+    ASSERT_EQ(reported.size(), 2u);
+    EXPECT_EQ(reported[0], model.videoFragment(5));
+    EXPECT_EQ(
+        reported[0]->attributes.get(),
+        (std::map<std::string, std::string>{
+            {"StreamIndex", "0"}, {"MediaType", "video"}, {"FragmentIndex", "105"}, {"Bitrate", "800000"}}));
+    EXPECT_EQ(reported[1]->attributes.get(), (std::map<std::string, std::string>{{"StreamIndex", "1"},
+                                                                                 {"MediaType", "audio"},
+                                                                                 {"FragmentIndex", "1"},
+                                                                                 {"Bitrate", "0"},
+                                                                                 {"Other", "kept"}}));
+}
+
+TEST_F(RedirectResourceTest, WithoutAFunctionNoAttributesAreWritten) {
+    resource.configurations = Configurations{{ConfigurationKey::function, std::string("not a function")}};
+    ASSERT_TRUE(load("rdtp://local/0/800000/105.ts").result->isSuccess());
+    EXPECT_TRUE(model.videoFragment(5)->attributes.get().empty());
+}
+
+} // namespace
+} // namespace ovalto::test

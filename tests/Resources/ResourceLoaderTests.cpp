@@ -1,0 +1,211 @@
+#include "PlayList/Presentation.h"
+#include "ResourceTestSupport.h"
+#include "Resources/KeyResource.h"
+#include "Resources/OVAResourceLoader.h"
+#include "Resources/PlayListResource.h"
+#include "Resources/RedirectResource.h"
+#include "Resources/ResourceType.h"
+#include "platform/AssetResourceLoader.h"
+#include "platform/DispatchQueue.h"
+#include "support/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+namespace ovalto::test {
+namespace {
+
+using Kind = platform::LoadingOutcome::Kind;
+
+class ResourceLoaderTest : public ::testing::Test {
+protected:
+    std::shared_ptr<RecordingSink> sink = std::make_shared<RecordingSink>();
+    OVAResourceLoader loader{sink};
+};
+
+TEST(ResourceTypeTest, EachSchemeMakesAFreshResourceOfItsKind) {
+    const auto playlist = ResourceType::fromRawValue("cplp");
+    const auto redirect = ResourceType::fromRawValue("rdtp");
+    const auto key = ResourceType::fromRawValue("ckey");
+    ASSERT_TRUE(playlist && redirect && key && ResourceType::fromRawValue("skd"));
+    EXPECT_TRUE(std::dynamic_pointer_cast<PlayListResource>(playlist->createResouece()));
+    EXPECT_TRUE(std::dynamic_pointer_cast<RedirectResource>(redirect->createResouece()));
+    EXPECT_TRUE(std::dynamic_pointer_cast<KeyResource>(key->createResouece()));
+    EXPECT_NE(playlist->createResouece(), playlist->createResouece());
+    EXPECT_FALSE(playlist->createResouece()->configurations);
+    for (const char* other : {"CPLP", "cplp ", "http", "", "sk"})
+        EXPECT_FALSE(ResourceType::fromRawValue(other)) << other;
+}
+
+struct SchemeRow {
+    const char* url;
+    const char* message;
+    int code;
+};
+
+class ResourceLoaderSchemeTest : public ResourceLoaderTest,
+                                 public ::testing::WithParamInterface<SchemeRow> {};
+
+// With nothing configured and an empty presentation, every kind of resource fails in its own way,
+// which shows where the request went; each is finished once and notified once.
+TEST_P(ResourceLoaderSchemeTest, RoutesByScheme) {
+    const auto& row = GetParam();
+    PlayerRequest request(row.url);
+    ASSERT_TRUE(loader.load(request.request()));
+    const auto outcome = request.wait();
+    ASSERT_EQ(outcome.kind, Kind::error);
+    const auto error = ovaltoError(outcome);
+    ASSERT_TRUE(error) << outcome.error->localizedDescription;
+    EXPECT_EQ(error->message(), row.message);
+    EXPECT_EQ(error->code(), row.code);
+    EXPECT_EQ(outcome.error->domain, OvaltoError::domain);
+
+    const auto notified = sink->errors();
+    ASSERT_EQ(notified.size(), 1u);
+    EXPECT_EQ(OvaltoError::from(notified[0]), error);
+    EXPECT_EQ(request.finishCount(), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Schemes, ResourceLoaderSchemeTest,
+    ::testing::Values(SchemeRow{"cplp://local/master.m3u8", "PlayList URL is not created.", 0x8400},
+                      SchemeRow{"cplp://local/0/1500000/media.m3u8", "Resource URL is not valid.", 0x8301},
+                      SchemeRow{"rdtp://local/0/1500000/7.ts", "Stream or Representation is not created.",
+                                0x8501},
+                      SchemeRow{"ckey://k1", "Key request is not valid", 0x8300},
+                      SchemeRow{"skd://k1", "Fairplay request is not valid", 0x8300},
+                      SchemeRow{"https://127.0.0.1/master.m3u8", "Loading request is not valid.", 0x8301},
+                      SchemeRow{"cplpx://local/master.m3u8", "Loading request is not valid.", 0x8301}));
+
+TEST_F(ResourceLoaderTest, RequestWithoutASchemeIsRefusedAndLeftToThePlatform) {
+    PlayerRequest request("local/master.m3u8");
+    EXPECT_FALSE(loader.load(request.request()));
+    EXPECT_FALSE(loader.load(nullptr));
+    const auto notified = sink->errors();
+    ASSERT_EQ(notified.size(), 2u);
+    EXPECT_EQ(OvaltoError::from(notified[0]),
+              OvaltoError::inputParam("Loading request is not valid.", 0x8301));
+    EXPECT_FALSE(request.request()->isFinished());
+}
+
+TEST_F(ResourceLoaderTest, GoneSinkIsNotAnError) {
+    OVAResourceLoader orphan{std::weak_ptr<ErrorSink>()};
+    PlayerRequest request("ckey://k1");
+    ASSERT_TRUE(orphan.load(request.request()));
+    EXPECT_EQ(request.wait().kind, Kind::error);
+}
+
+// The delegate path the player takes: first requests and renewals alike.
+TEST_F(ResourceLoaderTest, AnswersAsTheAssetsDelegate) {
+    auto delegate = std::make_shared<OVAResourceLoader>(sink);
+    auto assetLoader = platform::AssetResourceLoader::create();
+    assetLoader->setDelegate(delegate, platform::DispatchQueue::serial("test.resources.delegate"));
+    for (bool renewal : {false, true}) {
+        PlayerRequest request("ckey://k1");
+        assetLoader->load(request.request(), renewal);
+        const auto error = ovaltoError(request.wait());
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->message(), "Key request is not valid");
+    }
+    PlayerRequest refused("k1");
+    assetLoader->load(refused.request());
+    const auto outcome = refused.wait();
+    ASSERT_EQ(outcome.kind, Kind::error);
+    EXPECT_EQ(outcome.error->domain, platform::Error::loaderDomain); // failed by the platform, not by us
+    EXPECT_EQ(sink->errors().size(), 3u);
+}
+
+// A presentation in which some redirects succeed: stream 0 has keys 0 and 1500000 with sequence
+// 10 and five segments, an initialisation section on key 1500000.
+std::shared_ptr<Presentation> populate(const std::shared_ptr<Presentation>& presentation) {
+    presentation->url.set(platform::Url::parse("http://127.0.0.1:9/live/master.m3u8"));
+    presentation->edgeList.set({{1, "http://127.0.0.1:9/edge"}});
+    auto stream = std::make_shared<Stream>();
+    std::map<std::int32_t, std::shared_ptr<Representation>> representations;
+    for (std::int32_t key : {0, 1500000}) {
+        auto representation = std::make_shared<Representation>();
+        representation->sequence.set(10);
+        if (key != 0)
+            representation->initialURL.set(platform::Url::parse("http://127.0.0.1:9/live/init.mp4"));
+        std::vector<std::shared_ptr<Fragment>> fragments;
+        for (int i = 0; i < 5; ++i) {
+            fragments.push_back(std::make_shared<Fragment>());
+            fragments.back()->url.set(
+                platform::Url::parse("http://127.0.0.1:9/live/s" + std::to_string(i) + ".ts"));
+        }
+        representation->fragments.set(fragments);
+        representations.emplace(key, representation);
+    }
+    stream->representations.set(representations);
+    presentation->streams.set({stream});
+    return presentation;
+}
+
+// Whatever the scheme and path, every request the loader takes on is finished exactly once, and
+// every one it refuses is notified and left alone.
+TEST_F(ResourceLoaderTest, RandomisedRequestsAreEachFinishedExactlyOnce) {
+    populate(loader.presentation);
+    auto listener = std::make_shared<TestListener>();
+    listener->fragmentRequest = [](RequestInfo& info) { info.headers.emplace_back("X", "1"); };
+    loader.pluginListener.set(listener);
+    loader.configurations.set(
+        Configurations{{ConfigurationKey::function, FragmentFunction([](std::any) {})}});
+
+    const std::vector<std::string> schemes{"cplp", "rdtp", "ckey", "skd", "http", "file", "x-y", "c", ""};
+    const std::vector<std::string> pieces{"0",
+                                          "1",
+                                          "-1",
+                                          "10",
+                                          "14",
+                                          "1500000",
+                                          "9223372036854775807",
+                                          "",
+                                          "media.m3u8",
+                                          ".ts",
+                                          "master",
+                                          "%41",
+                                          "-0",
+                                          "+3",
+                                          "a b",
+                                          "99999999999999999999",
+                                          "12.ts",
+                                          "-9223372036854775808"};
+    std::mt19937 random(20240611);
+    auto pick = [&](const auto& from) { return from[random() % from.size()]; };
+
+    LogCapture log;
+    std::vector<std::unique_ptr<PlayerRequest>> taken;
+    int refused = 0;
+    for (int i = 0; i < 1500; ++i) {
+        std::string text = pick(schemes);
+        text += text.empty() ? "" : ":";
+        if (random() % 4 != 0) text += "//local";
+        for (int n = static_cast<int>(random() % 6); n > 0; --n)
+            text += "/" + pick(pieces);
+        if (random() % 3 == 0) text += ".ts";
+        if (random() % 8 == 0) text += "?q=" + pick(pieces);
+        if (!platform::Url::parse(text)) continue;
+        auto request = std::make_unique<PlayerRequest>(text);
+        if (loader.load(request->request())) {
+            taken.push_back(std::move(request));
+        } else {
+            EXPECT_FALSE(request->request()->isFinished()) << text;
+            ++refused;
+        }
+    }
+    int failed = 0;
+    for (const auto& request : taken) {
+        const auto outcome = request->wait();
+        EXPECT_EQ(request->finishCount(), 1) << request->request()->request().url.absoluteString();
+        if (outcome.kind == Kind::error) ++failed;
+    }
+    EXPECT_GT(taken.size(), 500u);
+    EXPECT_GT(refused, 0);
+    EXPECT_EQ(sink->errors().size(), static_cast<std::size_t>(failed + refused));
+    EXPECT_FALSE(log.contains("second completion"));
+    EXPECT_FALSE(log.contains("without an answer"));
+}
+
+} // namespace
+} // namespace ovalto::test
