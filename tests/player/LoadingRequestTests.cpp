@@ -1,0 +1,287 @@
+#include "platform/AssetResourceLoader.h"
+#include "platform/DispatchQueue.h"
+#include "platform/LoadingRequest.h"
+#include "platform/ResourceLoaderDelegate.h"
+#include "support/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <thread>
+
+using namespace ovalto::platform;
+
+namespace {
+
+Url url(const char* text) {
+    return *Url::parse(text);
+}
+
+// Collects the outcomes a request's completion receives.
+class Outcomes {
+public:
+    LoadingRequest::Completion completion() {
+        return [this](const LoadingOutcome& outcome) {
+            std::lock_guard lock(mutex_);
+            outcomes_.push_back(outcome);
+            changed_.notify_all();
+        };
+    }
+    // Waits (as a hang guard) for the first outcome.
+    LoadingOutcome first() {
+        std::unique_lock lock(mutex_);
+        EXPECT_TRUE(changed_.wait_for(lock, std::chrono::seconds(10), [this] { return !outcomes_.empty(); }));
+        return outcomes_.empty() ? LoadingOutcome{} : outcomes_.front();
+    }
+    std::size_t count() {
+        std::lock_guard lock(mutex_);
+        return outcomes_.size();
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<LoadingOutcome> outcomes_;
+};
+
+std::shared_ptr<LoadingRequest> makeRequest(Outcomes& outcomes, LoadingRequest::Parts parts = {}) {
+    return LoadingRequest::create(UrlRequest(url("cplp://local/master.m3u8")), parts, outcomes.completion());
+}
+
+} // namespace
+
+TEST(LoadingRequest, DataAnswerHandsOverEveryRespondedByteAndTheContentType) {
+    Outcomes outcomes;
+    LoadingRequest::Parts parts;
+    parts.requestedOffset = 100;
+    parts.contentInformationRequest = true;
+    auto request = makeRequest(outcomes, parts);
+    ASSERT_NE(request->dataRequest(), nullptr);
+    request->dataRequest()->respond("#EXTM3U\n");
+    request->dataRequest()->respond("#EXT-X-ENDLIST\n");
+    EXPECT_EQ(request->dataRequest()->currentOffset(), 100 + 23);
+    request->contentInformationRequest()->setContentType(streamingKeyDeliveryPersistentContentKeyType);
+    request->finishLoading();
+
+    const LoadingOutcome outcome = outcomes.first();
+    EXPECT_EQ(outcome.kind, LoadingOutcome::Kind::data);
+    EXPECT_EQ(outcome.data, "#EXTM3U\n#EXT-X-ENDLIST\n");
+    EXPECT_EQ(outcome.contentType, streamingKeyDeliveryPersistentContentKeyType);
+    EXPECT_TRUE(request->isFinished());
+    EXPECT_FALSE(request->isCancelled());
+}
+
+TEST(LoadingRequest, RedirectAnswerCarriesTheRedirectAndTheSyntheticResponse) {
+    Outcomes outcomes;
+    auto request = makeRequest(outcomes);
+    request->setRedirect(
+        UrlRequest(url("http://127.0.0.1:1/seg.ts"), CachePolicy::reloadIgnoringLocalCacheData, 30));
+    request->setResponse(UrlResponse{url("http://127.0.0.1:1/seg.ts"), true, 302, {}, {}, -1});
+    request->finishLoading();
+
+    const LoadingOutcome outcome = outcomes.first();
+    EXPECT_EQ(outcome.kind, LoadingOutcome::Kind::redirect);
+    ASSERT_TRUE(outcome.redirect);
+    EXPECT_EQ(outcome.redirect->url.absoluteString(), "http://127.0.0.1:1/seg.ts");
+    EXPECT_EQ(outcome.redirect->timeoutInterval, 30);
+    ASSERT_TRUE(outcome.response);
+    EXPECT_EQ(outcome.response->statusCode, 302);
+}
+
+TEST(LoadingRequest, ErrorAnswerCarriesTheError) {
+    Outcomes outcomes;
+    auto request = makeRequest(outcomes);
+    request->finishLoading(Error{"OvaltoError", 0x8301, "Resource URL is not valid.", {}});
+    const LoadingOutcome outcome = outcomes.first();
+    EXPECT_EQ(outcome.kind, LoadingOutcome::Kind::error);
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->code, 0x8301);
+    EXPECT_EQ(outcome.error->localizedDescription, "Resource URL is not valid.");
+}
+
+TEST(LoadingRequest, AnswerAfterThePlayerGaveUpIsIgnoredQuietly) {
+    ovalto::test::LogCapture log;
+    Outcomes outcomes;
+    auto request = makeRequest(outcomes);
+    request->cancel();
+    request->dataRequest()->respond("late");
+    request->finishLoading();
+    EXPECT_EQ(outcomes.first().kind, LoadingOutcome::Kind::cancelled);
+    EXPECT_EQ(outcomes.count(), 1u);
+    EXPECT_TRUE(request->isCancelled());
+    EXPECT_FALSE(request->isFinished());
+    EXPECT_FALSE(log.contains("finished twice"));
+}
+
+#ifdef NDEBUG
+TEST(LoadingRequest, SecondFinishIsIgnoredAndLoggedInReleaseBuilds) {
+    ovalto::test::LogCapture log;
+    Outcomes outcomes;
+    auto request = makeRequest(outcomes);
+    request->dataRequest()->respond("one");
+    request->finishLoading();
+    request->finishLoading(Error{"X", 1, "second", {}});
+    EXPECT_EQ(outcomes.count(), 1u);
+    EXPECT_EQ(outcomes.first().data, "one");
+    EXPECT_TRUE(log.contains("finished twice"));
+}
+#else
+TEST(LoadingRequestDeathTest, SecondFinishIsCaughtInDebugBuilds) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            Outcomes outcomes;
+            auto request = makeRequest(outcomes);
+            request->finishLoading();
+            request->finishLoading();
+        },
+        "finished exactly once");
+}
+#endif
+
+// The player gives up on one thread while the answer arrives on another: one outcome, always.
+TEST(LoadingRequest, RaceBetweenAnswerAndCancelEndsItExactlyOnce) {
+    for (int round = 0; round < 200; ++round) {
+        Outcomes outcomes;
+        auto request = makeRequest(outcomes);
+        std::thread answerer([&] {
+            request->dataRequest()->respond("bytes");
+            request->finishLoading();
+        });
+        std::thread player([&] { request->cancel(); });
+        answerer.join();
+        player.join();
+        ASSERT_EQ(outcomes.count(), 1u);
+        EXPECT_NE(request->isFinished(), request->isCancelled());
+    }
+}
+
+TEST(LoadingRequest, KeyRequestBlobsAreDeterministicAndDependOnEveryInput) {
+    Outcomes outcomes;
+    auto request = makeRequest(outcomes);
+    const auto blob = [&](const Data& certificate, const Data& id, bool persistent) {
+        LoadingRequest::Options options;
+        if (persistent) options[streamingContentKeyRequestRequiresPersistentKey] = true;
+        auto result = request->streamingContentKeyRequestData(certificate, id, options);
+        return std::get<Data>(result);
+    };
+    const Data base = blob("certificate", "abc123", false);
+    EXPECT_EQ(blob("certificate", "abc123", false), base);
+    EXPECT_NE(blob("certificatf", "abc123", false), base);
+    EXPECT_NE(blob("certificate", "abc124", false), base);
+    EXPECT_NE(blob("certificate", "abc123", true), base);
+    EXPECT_NE(base.find("abc123"), Data::npos);
+}
+
+TEST(LoadingRequest, KeyOperationsRefuseEmptyInputsWithAnError) {
+    Outcomes outcomes;
+    auto request = makeRequest(outcomes);
+    struct Case {
+        Data certificate, id;
+        std::int64_t code;
+    };
+    for (const Case& c : {Case{"", "abc", loaderErrorInvalidCertificate},
+                          Case{"cert", "", loaderErrorInvalidContentIdentifier}}) {
+        auto result = request->streamingContentKeyRequestData(c.certificate, c.id);
+        ASSERT_TRUE(std::holds_alternative<Error>(result));
+        EXPECT_EQ(std::get<Error>(result).domain, Error::loaderDomain);
+        EXPECT_EQ(std::get<Error>(result).code, c.code);
+    }
+    EXPECT_TRUE(std::holds_alternative<Error>(request->persistentContentKey("")));
+    auto key = request->persistentContentKey("ckc");
+    ASSERT_TRUE(std::holds_alternative<Data>(key));
+    EXPECT_EQ(std::get<Data>(request->persistentContentKey("ckc")), std::get<Data>(key));
+}
+
+// MARK: - The asset's resource loader
+
+namespace {
+
+// Answers according to `answer`, and remembers where it was called.
+class ScriptedDelegate : public ResourceLoaderDelegate {
+public:
+    std::function<bool(const std::shared_ptr<LoadingRequest>&)> answer;
+    std::atomic<bool> onQueue{true};
+    std::atomic<int> calls{0};
+    std::atomic<int> cancels{0};
+    std::shared_ptr<DispatchQueue> queue;
+
+    bool shouldWaitForLoadingOfRequestedResource(AssetResourceLoader&,
+                                                 const std::shared_ptr<LoadingRequest>& request) override {
+        ++calls;
+        if (!queue->isCurrent()) onQueue = false;
+        return answer(request);
+    }
+    void didCancelLoadingRequest(AssetResourceLoader&, const std::shared_ptr<LoadingRequest>&) override {
+        if (!queue->isCurrent()) onQueue = false;
+        ++cancels;
+    }
+};
+
+struct LoaderFixture : ::testing::Test {
+    std::shared_ptr<AssetResourceLoader> loader = AssetResourceLoader::create();
+    std::shared_ptr<ScriptedDelegate> delegate = std::make_shared<ScriptedDelegate>();
+    Outcomes outcomes;
+
+    void SetUp() override {
+        delegate->queue = DispatchQueue::serial("test.resource");
+        loader->setDelegate(delegate, delegate->queue);
+    }
+};
+
+} // namespace
+
+TEST_F(LoaderFixture, WithoutADelegateTheRequestFailsAtOnce) {
+    loader->setDelegate({}, nullptr);
+    auto request = makeRequest(outcomes);
+    loader->load(request);
+    ASSERT_EQ(outcomes.count(), 1u); // synchronously
+    EXPECT_EQ(outcomes.first().error->domain, Error::loaderDomain);
+    EXPECT_EQ(outcomes.first().error->code, loaderErrorNoDelegate);
+}
+
+TEST_F(LoaderFixture, ADeclinedRequestFailsAndAnAnswerGivenBeforeDecliningStands) {
+    delegate->answer = [](const auto&) { return false; };
+    auto declined = makeRequest(outcomes);
+    loader->load(declined);
+    EXPECT_EQ(outcomes.first().error->code, loaderErrorNoDelegate);
+
+    Outcomes answered;
+    delegate->answer = [](const std::shared_ptr<LoadingRequest>& request) {
+        request->dataRequest()->respond("data");
+        request->finishLoading();
+        return false;
+    };
+    loader->load(makeRequest(answered));
+    EXPECT_EQ(answered.first().kind, LoadingOutcome::Kind::data);
+    EXPECT_EQ(answered.first().data, "data");
+}
+
+TEST_F(LoaderFixture, DelegateIsCalledOnItsQueueAndHeldWeakly) {
+    delegate->answer = [](const std::shared_ptr<LoadingRequest>& request) {
+        DispatchQueue::global()->async([request] { request->finishLoading(); });
+        return true;
+    };
+    loader->load(makeRequest(outcomes));
+    EXPECT_EQ(outcomes.first().kind, LoadingOutcome::Kind::data);
+    EXPECT_TRUE(delegate->onQueue);
+
+    std::weak_ptr<ScriptedDelegate> weak = delegate;
+    delegate.reset();
+    EXPECT_TRUE(weak.expired());
+    Outcomes orphaned;
+    loader->load(makeRequest(orphaned));
+    EXPECT_EQ(orphaned.first().error->code, loaderErrorNoDelegate);
+}
+
+TEST_F(LoaderFixture, CancellingTellsTheDelegateOnItsQueue) {
+    delegate->answer = [](const auto&) { return true; }; // taken on, never answered
+    auto request = makeRequest(outcomes);
+    loader->load(request);
+    delegate->queue->sync([] {}); // the delegate has seen it
+    loader->cancel(request);
+    EXPECT_EQ(outcomes.first().kind, LoadingOutcome::Kind::cancelled);
+    delegate->queue->sync([] {});
+    EXPECT_EQ(delegate->cancels, 1);
+    EXPECT_TRUE(delegate->onQueue);
+}
