@@ -1,6 +1,7 @@
 #include "RewriteCommand.h"
 
 #include "Command.h"
+#include "ThroughLoader.h"
 #include "PlayList/MasterPlayList.h"
 #include "PlayList/MediaPlayList.h"
 #include "PlayList/PlayListText.h"
@@ -24,6 +25,7 @@ namespace {
 
 const char* rewriteUsage =
     R"(usage: ovalto rewrite FILE|URL [--base-url URL] [--stream S] [--bitrate B] [--verbose]
+       ovalto rewrite --through-loader URL [--verbose]
 
 Reads an HLS playlist from a file or an http(s) URL, parses it as the library does and prints
 the playlist the player would receive from the library.
@@ -37,6 +39,13 @@ synthetic video renditions the library adds. A media playlist comes out with eve
   --stream S      media playlist: the stream index in its rewritten URLs (default 0)
   --bitrate B     media playlist: the representation key in its rewritten URLs (default 1500000)
   --verbose       also show the library's debug log (the playlist as received, and as written)
+
+  --through-loader URL
+                  with URL as the content URL, ask the library's resource loader for the master
+                  playlist, every media playlist and the initialisation section and first three
+                  segments of each, and print each request with the answer the player gets (the
+                  data, the redirect with its 302 header fields, or the error); exit status 1
+                  when the master playlist fails
 
 Warnings of the library go to standard error. The exit status is 1 when the input cannot be read,
 is not a playlist, or the library refuses to write it, and 2 for bad arguments.
@@ -186,6 +195,7 @@ int rewriteCommand(const std::vector<std::string>& args, std::ostream& out, std:
     long stream = 0;
     std::int32_t bitrate = MasterPlayList::defaultBitrate;
     bool verbose = false;
+    std::optional<std::string> throughLoaderUrl; // see ThroughLoader.h
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
         if (arg == "--help" || arg == "-h") {
@@ -194,6 +204,14 @@ int rewriteCommand(const std::vector<std::string>& args, std::ostream& out, std:
         }
         if (arg == "--verbose") {
             verbose = true;
+            continue;
+        }
+        if (arg == "--through-loader") {
+            if (i + 1 >= args.size()) {
+                err << "ovalto rewrite: " << arg << " needs a value\n";
+                return 2;
+            }
+            throughLoaderUrl = args[++i];
             continue;
         }
         if (arg == "--base-url" || arg == "--stream" || arg == "--bitrate") {
@@ -231,6 +249,13 @@ int rewriteCommand(const std::vector<std::string>& args, std::ostream& out, std:
             return 2;
         }
         source = arg;
+    }
+    if (throughLoaderUrl) {
+        if (source) {
+            err << "ovalto rewrite: --through-loader takes its URL alone (got '" << *source << "' too)\n";
+            return 2;
+        }
+        return throughLoader(*throughLoaderUrl, verbose, out, err);
     }
     if (!source) {
         err << "ovalto rewrite: which playlist? Give a FILE or an http(s) URL.\n\n" << rewriteUsage;
