@@ -1,11 +1,11 @@
 #include "RewriteCommand.h"
 
 #include "Command.h"
-#include "ThroughLoader.h"
 #include "PlayList/MasterPlayList.h"
 #include "PlayList/MediaPlayList.h"
 #include "PlayList/PlayListText.h"
 #include "PlayList/Presentation.h"
+#include "ThroughLoader.h"
 #include "Utils/URLExtension.h"
 #include "ovalto/Ovalto.h"
 #include "platform/SystemLog.h"
