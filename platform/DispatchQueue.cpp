@@ -152,7 +152,9 @@ void DispatchQueue::asyncAfter(Clock::duration delay, const std::shared_ptr<Disp
         async(item);
         return;
     }
-    DelayScheduler::shared().schedule(Clock::now() + delay, shared_from_this(), item);
+    auto now = Clock::now();
+    auto deadline = delay > Clock::time_point::max() - now ? Clock::time_point::max() : now + delay;
+    DelayScheduler::shared().schedule(deadline, shared_from_this(), item);
 }
 
 void DispatchQueue::sync(Block block) {

@@ -17,6 +17,11 @@ void waitUntil(std::condition_variable& cv, std::unique_lock<std::mutex>& lock, 
     cv.wait_until(lock, std::min(deadline, limit));
 }
 
+// t + d, saturated: a timer interval of "forever" must not wrap around into the past.
+Clock::time_point later(Clock::time_point t, Clock::duration d) {
+    return d > Clock::time_point::max() - t ? Clock::time_point::max() : t + d;
+}
+
 } // namespace
 
 const std::shared_ptr<MainLoop>& MainLoop::shared() {
@@ -66,8 +71,8 @@ MainLoop::Work MainLoop::takeWorkLocked(Clock::time_point now) {
         work.timerBlock = state.block;
         if (state.repeats) {
             // Missed firings (nobody drove the loop) collapse into one.
-            auto next = state.key.first + state.interval;
-            if (next <= now) next = now + state.interval;
+            auto next = later(state.key.first, state.interval);
+            if (next <= now) next = later(now, state.interval);
             state.key = {next, nextTimerSequence_++};
             node.key() = state.key;
             node.mapped() = work.timer;
@@ -133,7 +138,7 @@ void MainLoop::stop() {
 void MainLoop::schedule(std::shared_ptr<Timer> timer, Timer::State& state) {
     std::lock_guard lock(mutex_);
     if (!state.valid) return;
-    state.key = {Clock::now() + state.interval, nextTimerSequence_++};
+    state.key = {later(Clock::now(), state.interval), nextTimerSequence_++};
     timers_.emplace(state.key, ScheduledTimer{std::move(timer), &state});
     wake_.notify_all();
 }

@@ -159,6 +159,8 @@ TEST(DispatchWorkItem, CancelledDelayedItemNeverRuns) {
     std::atomic<bool> keptRan{false};
     DispatchSemaphore marker;
 
+    std::atomic<bool> foreverRan{false};
+    auto forever = queue->asyncAfter(std::chrono::steady_clock::duration::max(), [&] { foreverRan = true; });
     auto cancelled = queue->asyncAfter(20ms, [&] { cancelledRan = true; });
     auto kept = queue->asyncAfter(30ms, [&] { keptRan = true; });
     cancelled->cancel();
@@ -168,6 +170,8 @@ TEST(DispatchWorkItem, CancelledDelayedItemNeverRuns) {
     EXPECT_FALSE(cancelledRan);
     EXPECT_TRUE(keptRan);
     EXPECT_FALSE(kept->isCancelled());
+    EXPECT_FALSE(foreverRan);
+    forever->cancel();
 }
 
 TEST(DispatchQueue, SyncReturnsAfterTheBlockRanOnTheQueue) {

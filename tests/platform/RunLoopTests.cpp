@@ -132,4 +132,14 @@ TEST(Timer, OneShotTimerFiresOnceAndOutlivesItsHandle) {
     EXPECT_TRUE(watch.expired());
 }
 
+TEST(Timer, ForeverIntervalDoesNotWrapAroundIntoThePast) {
+    bool fired = false;
+    auto timer = Timer::scheduledTimer(std::chrono::steady_clock::duration::max(), false,
+                                       [&](Timer&) { fired = true; });
+    RunLoop::main().runFor(20ms);
+    EXPECT_FALSE(fired);
+    EXPECT_TRUE(timer->isValid());
+    timer->invalidate();
+}
+
 } // namespace
