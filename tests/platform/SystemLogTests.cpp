@@ -6,10 +6,10 @@
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
-#include <fstream>
+#include <latch>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
 #include <unistd.h>
 
@@ -18,26 +18,29 @@ using ovalto::test::LogCapture;
 
 namespace {
 
-// Points file descriptor 2 at a temporary file while it lives.
+// Points file descriptor 2 at a pipe while it lives. The reader takes small bites, so writers
+// often find the pipe full and wake up together: lines written in pieces would interleave.
 class StandardErrorCapture {
 public:
     StandardErrorCapture() {
-        char name[] = "/tmp/ovalto-stderr-XXXXXX";
-        int fd = mkstemp(name);
-        path_ = name;
+        int fds[2];
+        if (pipe(fds) != 0) throw std::runtime_error("pipe");
         std::fflush(stderr);
         saved_ = dup(STDERR_FILENO);
-        dup2(fd, STDERR_FILENO);
-        close(fd);
+        dup2(fds[1], STDERR_FILENO);
+        close(fds[1]);
+        reader_ = std::thread([this, in = fds[0]] {
+            char buffer[256];
+            for (ssize_t n; (n = read(in, buffer, sizeof buffer)) > 0;)
+                output_.append(buffer, static_cast<std::size_t>(n));
+            close(in);
+        });
     }
-    ~StandardErrorCapture() {
-        restore();
-        unlink(path_.c_str());
-    }
+    ~StandardErrorCapture() { restore(); }
     // Restores standard error and returns the lines written meanwhile that contain `marker`.
     std::vector<std::string> linesWith(const std::string& marker) {
         restore();
-        std::ifstream in(path_);
+        std::istringstream in(output_);
         std::vector<std::string> lines;
         for (std::string line; std::getline(in, line);) {
             if (line.find(marker) != std::string::npos) lines.push_back(line);
@@ -48,12 +51,14 @@ public:
 private:
     void restore() {
         if (saved_ < 0) return;
-        dup2(saved_, STDERR_FILENO);
+        dup2(saved_, STDERR_FILENO); // closes the pipe's last write end: the reader sees its end
         close(saved_);
         saved_ = -1;
+        reader_.join();
     }
-    std::string path_;
     int saved_ = -1;
+    std::string output_;
+    std::thread reader_;
 };
 
 struct Line {
@@ -100,12 +105,13 @@ TEST(SystemLog, WritesOneStampedLineWithTheTextVerbatim) {
 TEST(SystemLog, LinesFromConcurrentThreadsNeverInterleave) {
     StandardErrorCapture capture;
     constexpr int threads = 8;
-    constexpr int linesEach = 100;
+    constexpr int linesEach = 300;
+    std::latch start(threads);
     std::vector<std::thread> writers;
     for (int t = 0; t < threads; ++t) {
-        writers.emplace_back([t] {
-            // Long lines, so that a line written in pieces would show.
-            std::string body(2000, static_cast<char>('a' + t));
+        writers.emplace_back([t, &start] {
+            std::string body(200, static_cast<char>('a' + t));
+            start.arrive_and_wait();
             for (int i = 0; i < linesEach; ++i)
                 SystemLog::write("marker-concurrent " + body);
         });
@@ -119,7 +125,7 @@ TEST(SystemLog, LinesFromConcurrentThreadsNeverInterleave) {
         auto parsed = parse(line);
         ASSERT_TRUE(parsed) << line.substr(0, 80);
         const std::string& text = parsed->text;
-        ASSERT_EQ(text.size(), std::string("marker-concurrent ").size() + 2000);
+        ASSERT_EQ(text.size(), std::string("marker-concurrent ").size() + 200);
         EXPECT_EQ(text.find_first_not_of(text.back(), 18), std::string::npos);
     }
 }
