@@ -91,28 +91,31 @@ TEST(DispatchQueue, IsCurrentOnlyInsideItsOwnBlocks) {
 TEST(GlobalQueue, BlockedBlocksDoNotStarveTheNextOne) {
     auto global = DispatchQueue::global();
     constexpr int blocked = 32;
-    DispatchSemaphore release;
-    DispatchSemaphore started;
-    DispatchSemaphore finished;
+    // Shared with the blocks, and released on every way out, so that a failure leaves no thread
+    // waiting on a dead semaphore.
+    struct Gates {
+        DispatchSemaphore release, started, ran;
+    };
+    auto gates = std::make_shared<Gates>();
+    struct ReleaseOnExit {
+        std::shared_ptr<Gates> gates;
+        ~ReleaseOnExit() {
+            for (int i = 0; i < blocked; ++i)
+                gates->release.signal();
+        }
+    } releaseOnExit{gates};
+
     for (int i = 0; i < blocked; ++i) {
-        global->async([&] {
-            started.signal();
-            release.wait();
-            finished.signal();
+        global->async([gates] {
+            gates->started.signal();
+            gates->release.wait();
         });
     }
     for (int i = 0; i < blocked; ++i)
-        ASSERT_TRUE(started.wait(hangGuard)) << "only " << i << " started";
+        ASSERT_TRUE(gates->started.wait(hangGuard)) << "only " << i << " started";
 
-    DispatchSemaphore ran;
-    global->async([&] { ran.signal(); });
-    bool thirtyThirdRan = ran.wait(hangGuard);
-
-    for (int i = 0; i < blocked; ++i)
-        release.signal();
-    for (int i = 0; i < blocked; ++i)
-        ASSERT_TRUE(finished.wait(hangGuard));
-    EXPECT_TRUE(thirtyThirdRan);
+    global->async([gates] { gates->ran.signal(); });
+    EXPECT_TRUE(gates->ran.wait(hangGuard));
 }
 
 TEST(ThreadPool, IdleThreadsExit) {

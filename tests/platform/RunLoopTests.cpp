@@ -17,6 +17,12 @@ bool runUntil(const std::function<bool()>& done) {
     return RunLoop::main().runFor(hangGuard, done);
 }
 
+// A failed test must not leave a timer firing into its dead locals.
+struct InvalidateOnExit {
+    std::shared_ptr<Timer> timer;
+    ~InvalidateOnExit() { timer->invalidate(); }
+};
+
 TEST(MainQueue, RunsBlocksOnlyWhileTheRunLoopRuns) {
     std::atomic<bool> ran{false};
     std::thread::id ranOn;
@@ -91,6 +97,7 @@ TEST(Timer, RepeatingTimerStopsAtInvalidateFromItsBlockAndReleasesItsCaptures) {
         firedOn = std::this_thread::get_id();
         if (++fired == 3) self.invalidate();
     });
+    InvalidateOnExit guard{timer};
     capture.reset();
     EXPECT_FALSE(watch.expired()); // the timer keeps its block alive while valid
 
@@ -108,6 +115,7 @@ TEST(Timer, InvalidateFromAnotherThreadStopsFiring) {
     std::weak_ptr<int> watch = capture;
     std::atomic<int> fired{0};
     auto timer = Timer::scheduledTimer(1ms, true, [&fired, capture](Timer&) { ++fired; });
+    InvalidateOnExit guard{timer};
     capture.reset();
     ASSERT_TRUE(runUntil([&] { return fired >= 2; }));
 
@@ -136,10 +144,10 @@ TEST(Timer, ForeverIntervalDoesNotWrapAroundIntoThePast) {
     bool fired = false;
     auto timer = Timer::scheduledTimer(std::chrono::steady_clock::duration::max(), false,
                                        [&](Timer&) { fired = true; });
+    InvalidateOnExit guard{timer};
     RunLoop::main().runFor(20ms);
     EXPECT_FALSE(fired);
     EXPECT_TRUE(timer->isValid());
-    timer->invalidate();
 }
 
 } // namespace
