@@ -1,20 +1,35 @@
 #pragma once
 
+#include "ovalto/ConfigurationKey.h"
+#include "ovalto/EdgeServer.h"
 #include "ovalto/MediaType.h"
 #include "ovalto/OVALog.h"
+#include "ovalto/PluginListener.h"
+#include "platform/Url.h"
 
 #include <atomic>
+#include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace ovalto {
+
+namespace platform {
+class PlayerItem;
+}
+class OvaltoInternal;
 
 // Module constants.
 inline constexpr double OvaltoVersionNumber = 1.0;
 inline constexpr char OvaltoVersionString[] = "@(#)PROGRAM:Ovalto  PROJECT:Ovalto-1\n";
 
-// The facade an application talks to. This header carries its class-wide settings; the
-// operations are declared with the engine.
-class Ovalto {
+// The object an application talks to. Fill `configurations`, call prepare(), wait for
+// OvaltoPreparationNotification (or OvaltoErrorNotification) with this object as the
+// notification's object, then play playerItem() with a player. Releasing the last reference ends
+// the session: the listener is concluded and the engine reset. Nothing here throws; failures
+// arrive as error notifications.
+class Ovalto : public std::enable_shared_from_this<Ovalto> {
 public:
     using MediaType = ovalto::MediaType;
     using MimeType = ovalto::MimeType;
@@ -24,6 +39,41 @@ public:
     static inline std::string version = "1.0.0";
     // Result slot of the host application's own integrity check; the library never reads it.
     static inline std::atomic<bool> isJailBroken{false};
+
+    // A facade without a listener.
+    static std::shared_ptr<Ovalto> create();
+    // A facade that reports every network step, start-up time and re-buffering to `listener`.
+    static std::shared_ptr<Ovalto> create(std::shared_ptr<PluginListener> listener);
+    ~Ovalto();
+    Ovalto(const Ovalto&) = delete;
+    Ovalto& operator=(const Ovalto&) = delete;
+
+    // The application's configuration; copied into the engine at each prepare().
+    Configurations configurations;
+
+    // Prepares `url` for playback: HLS through the library, anything else directly. Returns at
+    // once; the outcome is a notification on the default centre with this object.
+    void prepare(const platform::Url& url, const std::optional<Headers>& customHeaders = std::nullopt);
+    // The item of the last successful preparation; null before.
+    std::shared_ptr<platform::PlayerItem> playerItem();
+    // The titles of the prepared item's renditions of `type`, in the order selectTrack() takes.
+    std::vector<std::string> tracks(MediaType type);
+    void selectTrack(long index, MediaType type);
+    // Removes a stored persistable content key.
+    static void deleteLicense(const std::string& assetId);
+    // The delivery servers segments are redirected to; empty, and not settable, before prepare().
+    EdgeList edgeList();
+    void setEdgeList(EdgeList edgeList);
+
+    struct Key;
+    Ovalto(const Key&, std::shared_ptr<PluginListener> listener);
+
+private:
+    friend struct OvaltoAccess;
+    std::shared_ptr<OvaltoInternal> impl();
+
+    std::shared_ptr<PluginListener> listener_;
+    std::shared_ptr<OvaltoInternal> impl_;
 };
 
 } // namespace ovalto

@@ -2,19 +2,13 @@
 
 #include "PlayList/Container.h"
 #include "PlayList/Stream.h"
+#include "ovalto/EdgeServer.h"
 
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace ovalto {
-
-struct EdgeServer {
-    long priority = 0;
-    std::string url;
-    bool operator==(const EdgeServer&) const = default;
-};
-using EdgeList = std::vector<EdgeServer>;
 
 // The in-memory picture of one HLS stream, shared by every resource of one loader.
 class Presentation : public Container {

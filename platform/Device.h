@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+namespace ovalto::platform {
+
+// What the process can tell about the machine it runs on.
+struct Device {
+    std::string machine;       // the hardware name from uname(2), e.g. "x86_64"
+    std::string name;          // the host name
+    std::string model;         // "Linux"
+    std::string systemName;    // NAME of /etc/os-release, e.g. "Debian GNU/Linux"
+    std::string systemVersion; // VERSION_ID of /etc/os-release, else the kernel release
+
+    static const Device& current();
+    // Compares systemVersion numerically, component by component ("12" >= "9.0").
+    bool systemVersionAtLeast(int major, int minor = 0) const;
+};
+
+} // namespace ovalto::platform
