@@ -564,9 +564,11 @@ void UrlSessionDataTask::resume() {
     if (scheme == "file") {
         state_->queue->async([self = shared_from_this()] { self->readFile(); });
     } else if (scheme == "http" || scheme == "https") {
+        // The transport first: it initialises libcurl before any handle is made.
+        auto& transport = UrlTransport::shared();
         auto transfer = UrlTransport::makeTransfer(shared_from_this());
         if (transfer) {
-            UrlTransport::shared().start(std::move(transfer));
+            transport.start(std::move(transfer));
         } else {
             complete(std::nullopt, std::nullopt, urlError(urlErrorUnknown, "cannot create a transfer"));
         }

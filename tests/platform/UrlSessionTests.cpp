@@ -174,17 +174,6 @@ TEST_F(UrlSessionTest, StoresResponseCookiesAndSendsThemBack) {
     EXPECT_EQ(perform(next).data, "mine=0; a=1; b=2");
 }
 
-TEST_F(UrlSessionTest, StatusesOutsideSuccessAreResponsesNotErrors) {
-    // 199 has no interim meaning, so it is the final response rather than a wait for another.
-    for (int status : {404, 300, 199, 500}) {
-        const auto outcome = perform(request(server.url("/status/" + std::to_string(status)), 5));
-        EXPECT_FALSE(outcome.error) << status;
-        ASSERT_TRUE(outcome.response) << status;
-        EXPECT_EQ(outcome.response->statusCode, status);
-        EXPECT_TRUE(outcome.data);
-    }
-}
-
 TEST_F(UrlSessionTest, MapsTransportFailuresToUrlErrors) {
     int closedPort = 0;
     {
