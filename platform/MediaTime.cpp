@@ -164,7 +164,8 @@ std::string MediaTime::description() const {
     if (flags & positiveInfinity) return "{+INFINITY}";
     if (flags & negativeInfinity) return "{-INFINITY}";
     char buffer[96];
-    std::snprintf(buffer, sizeof buffer, "{%lld/%d = %.3f}", static_cast<long long>(value), timescale, seconds());
+    std::snprintf(buffer, sizeof buffer, "{%lld/%d = %.3f}", static_cast<long long>(value), timescale,
+                  seconds());
     return buffer;
 }
 
