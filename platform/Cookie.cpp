@@ -141,8 +141,12 @@ std::optional<Cookie> parseSetCookie(std::string_view text, const Url& url) {
 
 std::optional<Cookie> Cookie::make(std::string name, std::string value, std::string domain,
                                    std::string path) {
-    if (name.empty() || !std::all_of(name.begin(), name.end(),
-                                     [](char c) { return isTokenChar(static_cast<unsigned char>(c)); }))
+    // Names are taken as given (a blank included, as a "Cookie" header piece may carry one);
+    // only what cannot be written back into a header is refused.
+    if (name.empty() || std::any_of(name.begin(), name.end(), [](char c) {
+            const auto u = static_cast<unsigned char>(c);
+            return u < 0x20 || u == 0x7f || c == '=' || c == ';';
+        }))
         return std::nullopt;
     if (std::any_of(value.begin(), value.end(), [](char c) {
             const auto u = static_cast<unsigned char>(c);
