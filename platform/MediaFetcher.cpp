@@ -186,8 +186,11 @@ void MediaFetcher::fetchThroughDelegate(const std::shared_ptr<FetchTask>& task) 
         });
     auto loader = loader_;
     std::weak_ptr<LoadingRequest> weakRequest = request;
-    auto timeout = DispatchQueue::global()->asyncAfter(loader->loadingTimeout(), [loader, weakRequest] {
-        if (auto pending = weakRequest.lock()) loader->cancel(pending);
+    std::weak_ptr<AssetResourceLoader> weakLoader = loader;
+    auto timeout = DispatchQueue::global()->asyncAfter(loader->loadingTimeout(), [weakLoader, weakRequest] {
+        auto pending = weakRequest.lock();
+        auto owner = weakLoader.lock();
+        if (pending && owner) owner->cancel(pending);
     });
     {
         std::lock_guard lock(task->mutex_);

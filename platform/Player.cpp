@@ -26,8 +26,18 @@ Player::~Player() {
         std::lock_guard lock(mutex_);
         session = std::move(session_);
     }
-    // The session may be busy on the queue right now (this may even be the queue's thread).
-    if (session) queue_->async([session] { session->stop(); });
+    stopSession(std::move(session));
+}
+
+void Player::stopSession(std::shared_ptr<PlaybackSession> session) {
+    if (!session) return;
+    // Once this returns, the item hears nothing more from this player, so its observers may go.
+    // On the queue's own thread (the last reference dropped inside a callback) that is already so.
+    if (queue_->isCurrent()) {
+        session->stop();
+    } else {
+        queue_->sync([&session] { session->stop(); });
+    }
 }
 
 void Player::replaceCurrentItem(std::shared_ptr<PlayerItem> item) {
@@ -52,10 +62,8 @@ void Player::replaceCurrentItem(std::shared_ptr<PlayerItem> item) {
             player->rate_ = 0;
         }
     };
-    queue_->async([previous, session, rate, trace, onEnd] {
-        if (previous) previous->stop();
-        if (session) session->start(rate, trace, onEnd);
-    });
+    stopSession(std::move(previous));
+    if (session) queue_->async([session, rate, trace, onEnd] { session->start(rate, trace, onEnd); });
 }
 
 std::shared_ptr<PlayerItem> Player::currentItem() const {

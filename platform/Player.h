@@ -35,6 +35,7 @@ public:
     Player(const Player&) = delete;
     Player& operator=(const Player&) = delete;
 
+    // The previous item is stopped before this returns, as at destruction.
     void replaceCurrentItem(std::shared_ptr<PlayerItem> item);
     std::shared_ptr<PlayerItem> currentItem() const;
 
@@ -58,7 +59,7 @@ public:
     Player(const Key&, PlayerSettings settings);
 
 private:
-    void startSession();
+    void stopSession(std::shared_ptr<PlaybackSession> session);
 
     const PlayerSettings settings_;
     const std::shared_ptr<DispatchQueue> queue_;

@@ -267,6 +267,7 @@ TEST_F(LoaderFixture, DelegateIsCalledOnItsQueueAndHeldWeakly) {
     EXPECT_TRUE(delegate->onQueue);
 
     std::weak_ptr<ScriptedDelegate> weak = delegate;
+    delegate->queue->sync([] {}); // the loader's block has let go of it
     delegate.reset();
     EXPECT_TRUE(weak.expired());
     Outcomes orphaned;

@@ -139,7 +139,7 @@ TEST_F(PlaybackTest, VariantChoiceStartsWithTheFirstListedAndFollowsThroughputUn
     vod.bandwidths = {800000, 400000, 3000000};
     vod.segments = 8;
     vod.segmentDuration = 0.5;
-    vod.segmentBytes = 50000; // large enough that latency does not dominate the throughput measured
+    vod.segmentBytes = 200000; // large enough that latency does not dominate the throughput measured
     vod.audio = {};
     origin->publish("abr", vod);
     struct Case {
@@ -218,6 +218,32 @@ TEST_F(PlaybackTest, SelectingAnotherAudioRenditionSwitchesWhatIsDownloaded) {
     EXPECT_GE(servedCount("/sel/audio/1/seg"), 1u);
     EXPECT_LT(servedCount("/sel/audio/0/seg"), 8u);
     EXPECT_GE(servedCount("/sel/audio/0/seg") + servedCount("/sel/audio/1/seg"), 8u);
+}
+
+TEST_F(PlaybackTest, VideoRenditionReplacesTheVariantsPlaylistAndSelectionSwitchesIt) {
+    origin->serve("/vis/master.m3u8",
+                  "#EXTM3U\n"
+                  "#EXT-X-MEDIA:TYPE=VIDEO,GROUP-ID=\"v\",NAME=\"Wide\",DEFAULT=YES,URI=\"wide/media.m3u8\"\n"
+                  "#EXT-X-MEDIA:TYPE=VIDEO,GROUP-ID=\"v\",NAME=\"Close\",URI=\"close/media.m3u8\"\n"
+                  "#EXT-X-STREAM-INF:BANDWIDTH=800000,VIDEO=\"v\"\nown/media.m3u8\n");
+    for (const char* angle : {"vis/wide", "vis/close", "vis/own"})
+        origin->publishMedia(angle, 8, 0.5, 200);
+    auto item = PlayerItem::create(asset("/vis/master.m3u8"));
+    item->setPreferredForwardBufferDuration(1.0);
+    ItemWatcher watcher(item);
+    auto player = Player::create(item, settings);
+    player->setRate(2);
+    ASSERT_TRUE(ItemWatcher::waitUntil([&] { return item->currentTime().seconds() >= 1.0; }));
+    const auto visual = item->asset()->mediaSelectionGroup(MediaCharacteristic::visual);
+    ASSERT_TRUE(visual);
+    item->select(*option(*item->asset(), MediaCharacteristic::visual, "Close"), *visual);
+    player->setRate(8);
+    ASSERT_TRUE(watcher.waitFor(playerItemDidPlayToEndTimeNotification));
+
+    EXPECT_EQ(servedCount("/vis/own/"), 0u);
+    EXPECT_GE(servedCount("/vis/wide/seg"), 2u);
+    EXPECT_GE(servedCount("/vis/close/seg"), 1u);
+    EXPECT_EQ(servedCount("/vis/close/seg0.ts"), 0u); // taken up where the clock was
 }
 
 TEST_F(PlaybackTest, SeekPostsTimeJumpedAndLoadsFromTheNewPlace) {
@@ -312,6 +338,39 @@ TEST_P(KeyRequests, EachSkdKeyReachesTheDelegateOnceBeforeItsSegments) {
 
 INSTANTIATE_TEST_SUITE_P(OnDemandAndPreloaded, KeyRequests, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "Preloaded" : "OnDemand"; });
+
+TEST_F(PlaybackTest, ResourceThatIsNotHlsIsFetchedWholeAndEndsAtOnce) {
+    origin->serve("/clip.mp4", std::string(5000, 'm'));
+    auto item = PlayerItem::create(asset("/clip.mp4"));
+    ItemWatcher watcher(item);
+    auto player = Player::create(item, settings);
+    player->play();
+    ASSERT_TRUE(watcher.waitFor(playerItemDidPlayToEndTimeNotification));
+    EXPECT_EQ(totals(*item).numberOfMediaRequests, 1);
+    EXPECT_EQ(totals(*item).numberOfBytesTransferred, 5000);
+}
+
+TEST_F(PlaybackTest, RemovedObserverHearsNothingMore) {
+    origin->publishMedia("observe", 2, 0.5, 100);
+    auto item = PlayerItem::create(asset("/observe/media.m3u8"));
+    int kept = 0;
+    int removed = 0;
+    std::atomic<bool> ready{false};
+    int context = 0;
+    item->addObserver(&kept, "status", &context, [&](const std::string&, const KeyValueChange& change, auto) {
+        ++kept;
+        ready = std::any_cast<PlayerItem::Status>(change.newValue) == PlayerItem::Status::readyToPlay;
+    });
+    item->addObserver(&removed, "status", &context,
+                      [&](const std::string&, const KeyValueChange&, auto) { ++removed; });
+    item->removeObserver(&removed, "status", &context);
+    auto player = Player::create(item, settings);
+    ASSERT_TRUE(ItemWatcher::waitUntil([&] { return ready.load(); }));
+    player.reset();
+    EXPECT_EQ(removed, 0);
+    EXPECT_GE(kept, 1);
+    item->removeObserver(&kept, "status", &context);
+}
 
 // MARK: - Failures
 
