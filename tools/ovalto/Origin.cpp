@@ -178,9 +178,25 @@ std::optional<std::string> Origin::liveWindow(const std::string& vod, std::chron
     }
     if (segments.empty()) return std::nullopt;
 
+    // A segment is published once the wall clock has passed its end on the looping timeline, so
+    // renditions whose segments differ in length still advance at the pace of their media.
+    std::vector<double> ends;
+    double loop = 0;
+    for (const auto& segment : segments) {
+        double duration = 0;
+        for (const auto& line : segment)
+            if (startsWith(line, "#EXTINF:")) duration = std::atof(line.c_str() + 8);
+        loop += duration > 0 ? duration : static_cast<double>(targetDuration);
+        ends.push_back(loop);
+    }
     const long count = static_cast<long>(segments.size());
     const long window = std::clamp<long>(windowSegments, 1, count);
-    const long edge = elapsed.count() / (targetDuration * 1000) + window;
+    const double seconds = static_cast<double>(elapsed.count()) / 1000.0;
+    const auto loops = static_cast<long>(seconds / loop);
+    const double intoLoop = seconds - static_cast<double>(loops) * loop;
+    const long done =
+        static_cast<long>(std::upper_bound(ends.begin(), ends.end(), intoLoop + 1e-9) - ends.begin());
+    const long edge = loops * count + done + window;
     const long first = edge - window;
 
     std::string out = "#EXTM3U\n";
