@@ -48,6 +48,8 @@ std::vector<std::string> TestOrigin::Request::values(std::string_view name) cons
 
 TestOrigin::TestOrigin()
     : server_([this](httplib::Server& server) {
+        // httplib writes headers and body apart; Nagle and delayed ACKs would stall each answer.
+        server.set_tcp_nodelay(true);
         server.Get(".*", [this](const httplib::Request& request, httplib::Response& response) {
             handle(request, response);
         });
