@@ -111,13 +111,22 @@ void RedirectResource::load(const std::shared_ptr<platform::LoadingRequest>& loa
     const auto representation = stream ? stream->representation(*key) : nullptr;
     std::optional<std::int64_t> sequence;
     std::optional<platform::Url> initialURL;
-    std::vector<std::shared_ptr<Fragment>> fragments;
+    std::shared_ptr<Fragment> fragment;
     if (representation) {
         // One consistent picture of the segment list, never one that a reload is half-way through.
         std::lock_guard lock(modelLock(*representation));
         sequence = representation->sequence.get();
-        initialURL = representation->initialURL.get();
-        fragments = representation->fragments.get();
+        std::int64_t index = 0;
+        if (sequence && *number == -1) {
+            initialURL = representation->initialURL.get();
+        } else if (sequence && !__builtin_sub_overflow(*number, *sequence, &index) && index >= 0) {
+            // Only the one fragment is taken: a long live window has thousands.
+            fragment =
+                representation->fragments.with([index](const auto& fragments) -> std::shared_ptr<Fragment> {
+                    if (static_cast<std::uint64_t>(index) >= fragments.size()) return nullptr;
+                    return fragments[static_cast<std::size_t>(index)];
+                });
+        }
     }
     if (!sequence) {
         OVALog(OVALogLevel::error, "stream or representation is not created.", loadFunction, __FILE__,
@@ -138,14 +147,7 @@ void RedirectResource::load(const std::shared_ptr<platform::LoadingRequest>& loa
         return;
     }
 
-    std::int64_t index = 0;
-    std::shared_ptr<Fragment> fragment;
-    std::optional<platform::Url> target;
-    if (!__builtin_sub_overflow(*number, *sequence, &index) && index >= 0 &&
-        static_cast<std::uint64_t>(index) < fragments.size()) {
-        fragment = fragments[static_cast<std::size_t>(index)];
-        target = fragment->url.get();
-    }
+    std::optional<platform::Url> target = fragment ? fragment->url.get() : std::nullopt;
     if (!target) {
         OVALog(OVALogLevel::error, "fragment is not created.", loadFunction, __FILE__, __LINE__);
         completion(failure("Fragment is not created.", 0x8500));
