@@ -1,4 +1,3 @@
-#include "PlayList/Presentation.h"
 #include "ResourceTestSupport.h"
 #include "Resources/OVAResourceLoader.h"
 #include "support/TestOrigin.h"
@@ -140,16 +139,6 @@ INSTANTIATE_TEST_SUITE_P(
                    std::nullopt,
                    platform::urlErrorNetworkConnectionLost}),
     [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(PlayListResourceTest, UnreachableOriginFailsWithTheTransportError) {
-    // Port 1 on the loopback interface: nothing listens, the connection is refused at once.
-    loader.configurations.set(Configurations{
-        {ConfigurationKey::contentUrl, *platform::Url::parse("http://127.0.0.1:1/master.m3u8")}});
-    const auto outcome = fetch("cplp://local/master.m3u8");
-    ASSERT_EQ(outcome.kind, Kind::error);
-    EXPECT_EQ(outcome.error->domain, platform::Error::urlDomain);
-    EXPECT_EQ(outcome.error->code, platform::urlErrorCannotConnectToHost);
-}
 
 TEST_F(PlayListResourceTest, ListenerUriIsDownloadedAndIsTheBaseOfTheParse) {
     servePresentation("moved");

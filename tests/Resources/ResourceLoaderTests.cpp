@@ -1,10 +1,5 @@
-#include "PlayList/Presentation.h"
 #include "ResourceTestSupport.h"
-#include "Resources/KeyResource.h"
 #include "Resources/OVAResourceLoader.h"
-#include "Resources/PlayListResource.h"
-#include "Resources/RedirectResource.h"
-#include "Resources/ResourceType.h"
 #include "platform/AssetResourceLoader.h"
 #include "platform/DispatchQueue.h"
 #include "support/LogCapture.h"
@@ -23,20 +18,6 @@ protected:
     std::shared_ptr<RecordingSink> sink = std::make_shared<RecordingSink>();
     OVAResourceLoader loader{sink};
 };
-
-TEST(ResourceTypeTest, EachSchemeMakesAFreshResourceOfItsKind) {
-    const auto playlist = ResourceType::fromRawValue("cplp");
-    const auto redirect = ResourceType::fromRawValue("rdtp");
-    const auto key = ResourceType::fromRawValue("ckey");
-    ASSERT_TRUE(playlist && redirect && key && ResourceType::fromRawValue("skd"));
-    EXPECT_TRUE(std::dynamic_pointer_cast<PlayListResource>(playlist->createResouece()));
-    EXPECT_TRUE(std::dynamic_pointer_cast<RedirectResource>(redirect->createResouece()));
-    EXPECT_TRUE(std::dynamic_pointer_cast<KeyResource>(key->createResouece()));
-    EXPECT_NE(playlist->createResouece(), playlist->createResouece());
-    EXPECT_FALSE(playlist->createResouece()->configurations);
-    for (const char* other : {"CPLP", "cplp ", "http", "", "sk"})
-        EXPECT_FALSE(ResourceType::fromRawValue(other)) << other;
-}
 
 struct SchemeRow {
     const char* url;
@@ -89,13 +70,6 @@ TEST_F(ResourceLoaderTest, RequestWithoutASchemeIsRefusedAndLeftToThePlatform) {
     EXPECT_FALSE(request.request()->isFinished());
 }
 
-TEST_F(ResourceLoaderTest, GoneSinkIsNotAnError) {
-    OVAResourceLoader orphan{std::weak_ptr<ErrorSink>()};
-    PlayerRequest request("ckey://k1");
-    ASSERT_TRUE(orphan.load(request.request()));
-    EXPECT_EQ(request.wait().kind, Kind::error);
-}
-
 // The delegate path the player takes: first requests and renewals alike.
 TEST_F(ResourceLoaderTest, AnswersAsTheAssetsDelegate) {
     auto delegate = std::make_shared<OVAResourceLoader>(sink);
@@ -116,36 +90,10 @@ TEST_F(ResourceLoaderTest, AnswersAsTheAssetsDelegate) {
     EXPECT_EQ(sink->errors().size(), 3u);
 }
 
-// A presentation in which some redirects succeed: stream 0 has keys 0 and 1500000 with sequence
-// 10 and five segments, an initialisation section on key 1500000.
-std::shared_ptr<Presentation> populate(const std::shared_ptr<Presentation>& presentation) {
-    presentation->url.set(platform::Url::parse("http://127.0.0.1:9/live/master.m3u8"));
-    presentation->edgeList.set({{1, "http://127.0.0.1:9/edge"}});
-    auto stream = std::make_shared<Stream>();
-    std::map<std::int32_t, std::shared_ptr<Representation>> representations;
-    for (std::int32_t key : {0, 1500000}) {
-        auto representation = std::make_shared<Representation>();
-        representation->sequence.set(10);
-        if (key != 0)
-            representation->initialURL.set(platform::Url::parse("http://127.0.0.1:9/live/init.mp4"));
-        std::vector<std::shared_ptr<Fragment>> fragments;
-        for (int i = 0; i < 5; ++i) {
-            fragments.push_back(std::make_shared<Fragment>());
-            fragments.back()->url.set(
-                platform::Url::parse("http://127.0.0.1:9/live/s" + std::to_string(i) + ".ts"));
-        }
-        representation->fragments.set(fragments);
-        representations.emplace(key, representation);
-    }
-    stream->representations.set(representations);
-    presentation->streams.set({stream});
-    return presentation;
-}
-
 // Whatever the scheme and path, every request the loader takes on is finished exactly once, and
 // every one it refuses is notified and left alone.
 TEST_F(ResourceLoaderTest, RandomisedRequestsAreEachFinishedExactlyOnce) {
-    populate(loader.presentation);
+    SampleModel model(loader.presentation);
     auto listener = std::make_shared<TestListener>();
     listener->fragmentRequest = [](RequestInfo& info) { info.headers.emplace_back("X", "1"); };
     loader.pluginListener.set(listener);

@@ -3,6 +3,7 @@
 // Helpers shared by the resource tests: loading requests whose outcome a test can wait for, an
 // error sink and a listener that record what they get, and a small HLS presentation.
 
+#include "PlayList/Presentation.h"
 #include "Resources/ErrorSink.h"
 #include "ovalto/OvaltoError.h"
 #include "ovalto/PluginListener.h"
@@ -112,6 +113,46 @@ public:
 private:
     mutable std::mutex mutex_;
     std::vector<ResponseInfo> manifestResponses_;
+};
+
+inline platform::Url url(const std::string& text) {
+    return *platform::Url::parse(text);
+}
+
+// A model as parsers would leave it; hosts under .test are never contacted. Stream 0 (video):
+// key 800000 with sequence 100, ten segments (the eighth without a URL) and an initialisation
+// section; key 500000 without a sequence. Stream 1 (audio): key 0, sequence 0, two segments, no
+// initialisation section.
+struct SampleModel {
+    std::shared_ptr<Presentation> presentation;
+    std::shared_ptr<Representation> video = std::make_shared<Representation>();
+    std::shared_ptr<Representation> audio = std::make_shared<Representation>();
+
+    explicit SampleModel(std::shared_ptr<Presentation> into = std::make_shared<Presentation>())
+        : presentation(std::move(into)) {
+        presentation->url.set(url("http://origin.test/live/master.m3u8"));
+        video->sequence.set(100);
+        video->initialURL.set(url("http://origin.test/live/hd/init.mp4"));
+        std::vector<std::shared_ptr<Fragment>> fragments;
+        for (int i = 0; i < 10; ++i) {
+            fragments.push_back(std::make_shared<Fragment>());
+            if (i != 7)
+                fragments.back()->url.set(url("http://origin.test/live/hd/seg" + std::to_string(i) + ".ts"));
+        }
+        video->fragments.set(fragments);
+        auto videoStream = std::make_shared<Stream>();
+        videoStream->representations.set({{800000, video}, {500000, std::make_shared<Representation>()}});
+
+        audio->sequence.set(0);
+        audio->fragments.set({std::make_shared<Fragment>(), std::make_shared<Fragment>()});
+        for (const auto& fragment : audio->fragments.get())
+            fragment->url.set(url("http://origin.test/live/en/a.aac"));
+        auto audioStream = std::make_shared<Stream>();
+        audioStream->mediaType.set(MediaType::audio);
+        audioStream->representations.set({{0, audio}});
+        presentation->streams.set({videoStream, audioStream});
+    }
+    std::shared_ptr<Fragment> videoFragment(std::size_t i) const { return video->fragments.get().at(i); }
 };
 
 // One audio rendition and two variants: streams 0 (audio, key 0) and 1 (video, 800000 and
