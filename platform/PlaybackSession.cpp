@@ -759,7 +759,8 @@ void PlaybackSession::logError(const FetchResult& result) {
     event.serverAddress = result.serverAddress;
     event.playbackSessionID = item_->playbackSessionID();
     if (result.error) {
-        event.errorStatusCode = result.statusCode != 0 ? result.statusCode : result.error->code;
+        // An HTTP failure's code is its status; a transport or player error keeps its own code.
+        event.errorStatusCode = result.error->code;
         event.errorDomain = result.error->domain;
         event.errorComment = result.error->localizedDescription;
     }

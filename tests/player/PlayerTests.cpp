@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <mutex>
 
 using namespace ovalto::platform;
 using ovalto::test::HlsOrigin;
@@ -91,7 +92,14 @@ TEST_P(PlayToEnd, EveryVariantShapePlaysToTheEndAndTheAccessLogCountsWhatWasServ
     const bool throughDelegate = GetParam();
     auto item = PlayerItem::create(asset("/vod/master.m3u8", throughDelegate));
     ItemWatcher watcher(item);
-    auto player = Player::create(item, settings);
+    auto player = Player::create(nullptr, settings);
+    std::mutex traceMutex;
+    std::vector<RequestTraceLine> trace;
+    player->setRequestTrace([&](const RequestTraceLine& line) {
+        std::lock_guard lock(traceMutex);
+        trace.push_back(line);
+    });
+    player->replaceCurrentItem(item);
     player->setRate(8);
 
     ASSERT_TRUE(watcher.waitFor(playerItemDidPlayToEndTimeNotification));
@@ -120,6 +128,17 @@ TEST_P(PlayToEnd, EveryVariantShapePlaysToTheEndAndTheAccessLogCountsWhatWasServ
         EXPECT_NE(log->events[i].indicatedBitrate, log->events[i - 1].indicatedBitrate);
     }
     EXPECT_EQ(servedCount("/audio/1/"), 0u); // the default rendition only
+
+    // A trace line for every request, the playlists included, telling how it went.
+    player.reset();
+    std::lock_guard lock(traceMutex);
+    EXPECT_EQ(trace.size(), throughDelegate ? delegate->requests().size() : origin->served().size());
+    for (const auto& line : trace) {
+        EXPECT_EQ(line.viaDelegate, throughDelegate) << line.text();
+        EXPECT_EQ(line.redirectedTo.has_value(), throughDelegate && HlsOrigin::isMedia(line.url))
+            << line.text();
+        EXPECT_NE(line.text().find(line.url), std::string::npos);
+    }
     if (throughDelegate) {
         const auto requests = delegate->requests();
         EXPECT_EQ(requests.front(), "test://media/vod/master.m3u8");
