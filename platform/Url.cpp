@@ -2,6 +2,8 @@
 
 #include <uriparser/Uri.h>
 
+#include <algorithm>
+#include <array>
 #include <cctype>
 #include <charconv>
 #include <cstring>
@@ -111,6 +113,45 @@ std::string escapedComponent(std::string_view text, bool query) {
         }
     }
     return out;
+}
+
+// A relative reference that needs neither escaping nor normalisation: plain path characters
+// (RFC 3986 pchar without percent-escapes, and "/"), no "." or ".." segment, and an optional
+// query of the same characters and "?". One pass; on success `question` is where the query's
+// "?" stands (npos when there is none).
+bool isPlainRelativeReference(std::string_view reference, std::size_t& question) {
+    static constexpr auto plain = [] {
+        std::array<bool, 256> table{};
+        for (unsigned char c = 'a'; c <= 'z'; ++c)
+            table[c] = true;
+        for (unsigned char c = 'A'; c <= 'Z'; ++c)
+            table[c] = true;
+        for (unsigned char c = '0'; c <= '9'; ++c)
+            table[c] = true;
+        for (unsigned char c : std::string_view("-._~!$&'()*+,;=:@/"))
+            table[c] = true;
+        return table;
+    }();
+    if (reference.starts_with('/')) return false;
+    question = std::string_view::npos;
+    std::size_t segmentStart = 0;
+    const auto isDotSegment = [&](std::size_t end) {
+        const std::string_view segment = reference.substr(segmentStart, end - segmentStart);
+        return segment == "." || segment == "..";
+    };
+    for (std::size_t i = 0; i < reference.size(); ++i) {
+        const auto c = static_cast<unsigned char>(reference[i]);
+        if (question != std::string_view::npos) {
+            if (!plain[c] && c != '?') return false;
+        } else if (c == '/' || c == '?') {
+            if (isDotSegment(i)) return false;
+            segmentStart = i + 1;
+            if (c == '?') question = i;
+        } else if (!plain[c]) {
+            return false;
+        }
+    }
+    return question != std::string_view::npos || !isDotSegment(reference.size());
 }
 
 } // namespace
@@ -246,6 +287,26 @@ Url Url::appendingPathComponent(std::string_view component) const {
     }
     auto url = parse(text);
     return url ? *url : *this;
+}
+
+std::optional<Url> Url::replacingLastPathSegment(std::string_view reference) const {
+    const std::string_view path = rawPath();
+    const auto slash = path.rfind('/');
+    std::size_t question = std::string_view::npos;
+    if (!scheme_ || slash == std::string_view::npos || !isPlainRelativeReference(reference, question))
+        return std::nullopt;
+    const std::size_t prefix = pathBegin_ + slash + 1;
+    Url url;
+    url.text_.reserve(prefix + reference.size());
+    url.text_.append(text_, 0, prefix);
+    url.text_.append(reference);
+    url.scheme_ = scheme_;
+    url.host_ = host_;
+    url.port_ = port_;
+    url.pathBegin_ = pathBegin_;
+    url.pathEnd_ = prefix + std::min(question, reference.size());
+    if (question != std::string_view::npos) url.query_ = std::string(reference.substr(question + 1));
+    return url;
 }
 
 } // namespace ovalto::platform

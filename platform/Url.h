@@ -34,6 +34,13 @@ public:
     Url deletingLastPathComponent() const;
     // Appends a component to the path; a "?query" inside `component` stays the query.
     Url appendingPathComponent(std::string_view component) const;
+    // This absolute URL with everything after the last "/" of its path (the last segment, the
+    // query and the fragment) replaced by `reference`: a relative path of plain characters
+    // (letters, digits, "-._~!$&'()*+,;=:@" and "/", no "." or ".." segment) with an optional
+    // "?query" of the same characters and "?". Such text is a URL in normal form as it stands, so
+    // it is not parsed again: playlists resolve thousands of segment names this way. No value
+    // for any other reference, or when this URL has no scheme or no "/" in its path.
+    std::optional<Url> replacingLastPathSegment(std::string_view reference) const;
 
     bool operator==(const Url& other) const { return text_ == other.text_; }
 

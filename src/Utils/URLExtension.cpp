@@ -99,24 +99,44 @@ cookies(const platform::Url& url, const std::optional<std::map<std::string, std:
     return stored;
 }
 
-std::optional<platform::Url> subUrl(const platform::Url& self, std::string_view path) {
+SubUrlResolver::SubUrlResolver(platform::Url self)
+    : self_(std::move(self))
+    , target_(self_.lastPathComponent())
+    , text_(self_.absoluteString()) {
+    if (const auto query = self_.query()) target_ += "?" + *query;
+    // Replacing the one occurrence of the target, at the end, is replacing the last path segment
+    // (with the query): checked once on a probe so that both ways give the same text.
+    if (!self_.fragment() && !target_.empty() && text_.ends_with(target_) &&
+        text_.find(target_) == text_.size() - target_.size()) {
+        const auto probe = self_.replacingLastPathSegment("x");
+        replacesLastSegment_ =
+            probe && probe->absoluteString() == text_.substr(0, text_.size() - target_.size()) + "x";
+    }
+}
+
+std::optional<platform::Url> SubUrlResolver::operator()(std::string_view path) const {
     while (!path.empty() && path.front() == '"')
         path.remove_prefix(1);
     while (!path.empty() && path.back() == '"')
         path.remove_suffix(1);
 
     if (path.starts_with("http")) return platform::Url::parse(path);
-    if (path.starts_with("/")) return platform::Url::parse(path, self);
+    if (path.starts_with("/")) return platform::Url::parse(path, self_);
 
-    std::string target = self.lastPathComponent();
-    if (const auto query = self.query()) target += "?" + *query;
-    std::string text = self.absoluteString();
+    if (replacesLastSegment_) {
+        if (auto url = self_.replacingLastPathSegment(path)) return url;
+    }
+    std::string text = text_;
     // Every occurrence, so a directory named like the last component changes too.
-    if (!target.empty()) {
-        for (auto at = text.find(target); at != std::string::npos; at = text.find(target, at + path.size()))
-            text.replace(at, target.size(), path);
+    if (!target_.empty()) {
+        for (auto at = text.find(target_); at != std::string::npos; at = text.find(target_, at + path.size()))
+            text.replace(at, target_.size(), path);
     }
     return platform::Url::parse(text);
+}
+
+std::optional<platform::Url> subUrl(const platform::Url& self, std::string_view path) {
+    return SubUrlResolver(self)(path);
 }
 
 } // namespace ovalto

@@ -46,4 +46,19 @@ cookies(const platform::Url& url, const std::optional<std::map<std::string, std:
 // last path component (with its query) in self. No value when the result is not a URL.
 std::optional<platform::Url> subUrl(const platform::Url& self, std::string_view path);
 
+// subUrl for the many URIs of one playlist: what depends only on the playlist's URL is worked
+// out once, and a plain relative URI (the usual segment name) that replaces the end of that URL
+// is resolved without parsing the result again. Same results as subUrl.
+class SubUrlResolver {
+public:
+    explicit SubUrlResolver(platform::Url self);
+    std::optional<platform::Url> operator()(std::string_view path) const;
+
+private:
+    platform::Url self_;
+    std::string target_; // self's last path component, with "?" and its query
+    std::string text_;   // self's absolute string
+    bool replacesLastSegment_ = false;
+};
+
 } // namespace ovalto

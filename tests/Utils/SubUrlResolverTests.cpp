@@ -1,0 +1,97 @@
+// Resolving the segment URIs of a playlist: the shortcut for plain relative names must build
+// exactly the URL that parsing the resolved text builds.
+#include "Utils/URLExtension.h"
+
+#include <gtest/gtest.h>
+
+using namespace ovalto;
+
+namespace {
+
+struct Parts {
+    std::string text;
+    std::optional<std::string> scheme, host, query, fragment;
+    std::optional<int> port;
+    std::string path, lastPathComponent;
+    bool operator==(const Parts&) const = default;
+};
+
+Parts partsOf(const platform::Url& url) {
+    return {url.absoluteString(), url.scheme(), url.host(), url.query(),
+            url.fragment(),       url.port(),   url.path(), url.lastPathComponent()};
+}
+
+// The rule for a relative URI, the long way: every occurrence of the playlist's last path
+// component (with its query) replaced in its text, and the result parsed.
+std::optional<platform::Url> byTheRule(const platform::Url& playlist, std::string path) {
+    while (!path.empty() && path.front() == '"')
+        path.erase(0, 1);
+    while (!path.empty() && path.back() == '"')
+        path.pop_back();
+    std::string target = playlist.lastPathComponent();
+    if (playlist.query()) target += "?" + *playlist.query();
+    std::string text = playlist.absoluteString();
+    for (auto at = text.find(target); !target.empty() && at != std::string::npos;
+         at = text.find(target, at + path.size()))
+        text.replace(at, target.size(), path);
+    return platform::Url::parse(text);
+}
+
+} // namespace
+
+TEST(SubUrlResolverTest, ResolvesLikeSubUrlAndLikeAParse) {
+    const char* playlists[] = {
+        "https://cdn.example.com/vod/show/720p/index.m3u8",
+        "http://u:p@h:8080/a/b/index.m3u8?t=1&x=/y",
+        "http://h/v.m3u8/v.m3u8",    // the name twice: every occurrence is replaced
+        "http://h/a/b.m3u8#frag",    // a fragment stays
+        "http://h/a%20b/c%2Fd.m3u8", // an escaped name
+        "http://h",                  // no path
+        "file:///tmp/p/playlist.m3u8",
+    };
+    const char* paths[] = {
+        "seg_1.ts",
+        "\"seg_1.ts\"",
+        "seg-1.m4s?sig=a/b?c&d=e",
+        "sub/dir/seg.ts",
+        "a:b@c!$&'()*+,;=~.ts",
+        "",
+        "../up.ts",
+        "./here.ts",
+        "a/./b.ts",
+        "seg%201.ts",
+        "seg 1.ts",
+        "seg#1.ts",
+        "Seg.TS",
+        "..",
+        "x/",
+        "ü.ts",
+    };
+    for (const char* playlist : playlists) {
+        const auto base = platform::Url::parse(playlist);
+        ASSERT_TRUE(base) << playlist;
+        const SubUrlResolver resolve(*base);
+        for (const char* path : paths) {
+            SCOPED_TRACE(std::string(playlist) + " + " + path);
+            const auto resolved = resolve(path);
+            const auto expected = byTheRule(*base, path);
+            ASSERT_EQ(resolved.has_value(), expected.has_value());
+            if (!resolved) continue;
+            EXPECT_EQ(resolved->absoluteString(), expected->absoluteString());
+            const auto parsed = platform::Url::parse(resolved->absoluteString());
+            ASSERT_TRUE(parsed);
+            EXPECT_EQ(partsOf(*resolved), partsOf(*parsed));
+        }
+    }
+}
+
+TEST(SubUrlResolverTest, ReplacingTheLastSegmentTakesOnlyPlainRelativeReferences) {
+    const auto base = *platform::Url::parse("http://h/a/b/index.m3u8?t=1#f");
+    EXPECT_EQ(base.replacingLastPathSegment("c/d.ts?x=1")->absoluteString(), "http://h/a/b/c/d.ts?x=1");
+    EXPECT_EQ(base.replacingLastPathSegment("c/d.ts?x=1")->query(), "x=1");
+    EXPECT_EQ(base.replacingLastPathSegment("")->absoluteString(), "http://h/a/b/");
+    for (const char* reference : {"/abs.ts", "../up.ts", "a/./b", "..", "sp ace", "pct%41", "fr#ag", "ü"})
+        EXPECT_FALSE(base.replacingLastPathSegment(reference)) << reference;
+    EXPECT_FALSE(platform::Url::parse("http://h")->replacingLastPathSegment("a.ts"));
+    EXPECT_FALSE(platform::Url::parse("a/b.m3u8")->replacingLastPathSegment("c.ts"));
+}
