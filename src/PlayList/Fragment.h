@@ -10,12 +10,25 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace ovalto {
 
 // One media segment.
 class Fragment : public Container {
 public:
+    Fragment() = default;
+    // A segment as a playlist parser read it: the fields are set before anyone can see the
+    // fragment, so building it takes no locks.
+    Fragment(std::optional<platform::MediaTime> start, std::optional<platform::MediaTime> duration,
+             std::optional<platform::Url> url, std::optional<std::int64_t> offset,
+             std::optional<std::int64_t> length)
+        : start(std::move(start))
+        , duration(std::move(duration))
+        , url(std::move(url))
+        , offset(std::move(offset))
+        , length(std::move(length)) {}
+
     Guarded<std::optional<std::int64_t>> index;
     Guarded<std::optional<platform::MediaTime>> start;
     Guarded<std::optional<platform::MediaTime>> duration; // whole milliseconds, timescale 1000

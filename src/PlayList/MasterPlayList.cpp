@@ -68,6 +68,7 @@ bool MasterPlayList::parsePlayList(std::string_view playList, const platform::Ur
     OVALog(OVALogLevel::debug, playList, parseFunction, fileName, 12);
     if (!playList.starts_with(rawValue(Ext::ext))) return false;
 
+    const SubUrlResolver resolve(baseUrl);
     std::vector<std::shared_ptr<Stream>> streams;
     if (!isMaster(playList)) {
         // The top URL is itself a media playlist: wrap it in a presentation of one variant.
@@ -93,7 +94,7 @@ bool MasterPlayList::parsePlayList(std::string_view playList, const platform::Ur
             // A URI line (or a comment, read the same way) points the pending variant; a second
             // one re-points it.
             if (!pending) return;
-            pending->url.set(subUrl(baseUrl, line));
+            pending->url.set(resolve(line));
             variants[pendingBitrate] = pending;
             return;
         }
@@ -104,7 +105,7 @@ bool MasterPlayList::parsePlayList(std::string_view playList, const platform::Ur
             representation->bitrate.set(renditionBitrate);
             AttributeList attributes = parseAttribute(line);
             if (const auto* type = attributes.find("TYPE")) stream->mediaType.set(MediaType::create(*type));
-            if (const auto* uri = attributes.find("URI")) representation->url.set(subUrl(baseUrl, *uri));
+            if (const auto* uri = attributes.find("URI")) representation->url.set(resolve(*uri));
             stream->representations.set({{renditionBitrate, std::move(representation)}});
             stream->attributes.set(std::move(attributes));
             streams.push_back(std::move(stream));

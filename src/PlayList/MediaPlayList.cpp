@@ -30,10 +30,32 @@ template <class T> void appendInteger(std::string& out, T value) {
     out.append(buffer, result.ptr);
 }
 
-// The shortest text that reads back as the same double, in fixed notation with at least one
-// decimal ("6.006", "10.0").
-void appendSeconds(std::string& out, double seconds) {
-    char buffer[64];
+// The duration in seconds as the shortest text that reads back as the same double, in fixed
+// notation with at least one decimal ("6.006", "10.0").
+void appendSeconds(std::string& out, const platform::MediaTime& duration) {
+    // Whole milliseconds below 10^15: the shortest such text is the exact decimal ms / 1000, since
+    // below 2^43 s a double's spacing is finer than a millisecond. Written with integers.
+    if (duration.isNumeric() && duration.timescale == timescale && duration.value > -1'000'000'000'000'000 &&
+        duration.value < 1'000'000'000'000'000) {
+        if (duration.value < 0) out += '-';
+        const std::int64_t magnitude = duration.value < 0 ? -duration.value : duration.value;
+        appendInteger(out, magnitude / timescale);
+        out += '.';
+        std::int64_t fraction = magnitude % timescale;
+        if (fraction == 0) {
+            out += '0';
+            return;
+        }
+        char digits[3] = {char('0' + fraction / 100), char('0' + fraction / 10 % 10),
+                          char('0' + fraction % 10)};
+        std::size_t length = 3;
+        while (digits[length - 1] == '0')
+            --length;
+        out.append(digits, length);
+        return;
+    }
+    const double seconds = duration.seconds();
+    char buffer[400];
     const auto [end, error] =
         std::to_chars(buffer, buffer + sizeof buffer, seconds, std::chars_format::fixed);
     if (error != std::errc()) {
@@ -63,6 +85,28 @@ std::optional<std::int64_t> durationMilliseconds(std::string_view value) {
     return playlisttext::parseMilliseconds(value.substr(0, value.find(',')));
 }
 
+// `running` plus a duration in milliseconds. The common case, a millisecond time far from the
+// 64-bit limits, is one addition; the rest takes the general sum with its overflow rules.
+platform::MediaTime advance(const platform::MediaTime& running, std::int64_t milliseconds) {
+    std::int64_t sum = 0;
+    if (running.isNumeric() && running.timescale == timescale && running.epoch == 0 &&
+        !__builtin_add_overflow(running.value, milliseconds, &sum)) {
+        platform::MediaTime next = running;
+        next.value = sum;
+        return next;
+    }
+    return running + platform::MediaTime::make(milliseconds, timescale);
+}
+
+// One segment while the playlist is read: its #EXTINF, its byte range and its last URI line.
+struct Draft {
+    std::optional<platform::MediaTime> start;
+    std::optional<platform::MediaTime> duration;
+    std::optional<std::int64_t> offset;
+    std::optional<std::int64_t> length;
+    std::string_view uri;
+};
+
 } // namespace
 
 bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url& baseUrl,
@@ -81,11 +125,17 @@ bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url
     if (!playList.starts_with(rawValue(Ext::ext))) return false;
 
     // Everything is gathered here and published in one step at the end, so that concurrent
-    // segment requests see either the previous list or the new one.
+    // segment requests see either the previous list or the new one. Segments are read into
+    // plain drafts; `listed` is the playlist order, where a draft given two URI lines appears
+    // twice, as one fragment does in the list.
+    const SubUrlResolver resolve(baseUrl);
     const auto previousStart = representation->start.get();
     platform::MediaTime running = previousStart ? *previousStart : platform::MediaTime::make(0, timescale);
-    std::vector<std::shared_ptr<Fragment>> fragments;
-    std::shared_ptr<Fragment> current;
+    std::vector<Draft> drafts;
+    drafts.reserve(playList.size() / 64); // a segment takes about that much text
+    std::vector<std::size_t> listed;
+    constexpr std::size_t none = std::size_t(-1);
+    std::size_t current = none; // the draft of the last #EXTINF
     std::map<long, AttributeList> keyAttributes;
     AttributeList playlistAttributes;
     AttributeList mapAttributes;
@@ -102,10 +152,10 @@ bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url
             return;
         }
         if (!line.starts_with(rawValue(Ext::ext))) {
-            // A URI line, or a comment read as one: it points the current fragment and appends it.
-            if (!current) return;
-            current->url.set(subUrl(baseUrl, line));
-            fragments.push_back(current);
+            // A URI line, or a comment read as one: it points the current segment and lists it.
+            if (current == none) return;
+            drafts[current].uri = line;
+            listed.push_back(current);
             return;
         }
         const TagLine tag = splitTag(line);
@@ -117,39 +167,40 @@ bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url
             ended = true;
             break;
         case Ext::xTargetDuration:
-            targetDuration = parseInteger<long>(tag.value);
+            targetDuration = parseInteger<long>(tag.value());
             break;
         case Ext::xMediaSequence:
-            sequence = parseInteger<std::int64_t>(tag.value);
+            sequence = parseInteger<std::int64_t>(tag.value());
             break;
         case Ext::xKey:
-            keyAttributes[static_cast<long>(fragments.size())] = parseAttribute(line);
+            keyAttributes[static_cast<long>(listed.size())] = parseAttribute(line);
             break;
         case Ext::xPlaylistType:
-            playlistAttributes.set(std::string(tag.name), std::string(tag.value));
+            playlistAttributes.set(std::string(tag.name), std::string(tag.value()));
             break;
         case Ext::xMap:
             mapAttributes = parseAttribute(line);
-            if (const auto* uri = mapAttributes.find("URI")) initialURL = subUrl(baseUrl, *uri);
+            if (const auto* uri = mapAttributes.find("URI")) initialURL = resolve(*uri);
             break;
         case Ext::inf: {
-            current = std::make_shared<Fragment>();
-            if (const auto milliseconds = durationMilliseconds(tag.value)) {
+            current = drafts.size();
+            Draft& draft = drafts.emplace_back();
+            if (const auto milliseconds = durationMilliseconds(tag.value())) {
                 const auto duration = platform::MediaTime::make(*milliseconds, timescale);
-                current->duration.set(duration);
-                current->start.set(running);
-                running = running + duration;
+                draft.duration = duration;
+                draft.start = running;
+                running = advance(running, *milliseconds);
             }
             break;
         }
         case Ext::xByteRange: {
-            if (!current) break;
-            const std::string_view value = tag.value;
+            if (current == none) break;
+            const std::string_view value = tag.value();
             const auto at = value.find('@');
-            current->length.set(parseInteger<std::int64_t>(value.substr(0, at)));
+            drafts[current].length = parseInteger<std::int64_t>(value.substr(0, at));
             if (at != std::string_view::npos) {
                 const std::string_view rest = value.substr(at + 1);
-                current->offset.set(parseInteger<std::int64_t>(rest.substr(0, rest.find('@'))));
+                drafts[current].offset = parseInteger<std::int64_t>(rest.substr(0, rest.find('@')));
             }
             break;
         }
@@ -157,6 +208,20 @@ bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url
             break;
         }
     });
+
+    // The fragments of one parse share one allocation; a fragment kept elsewhere keeps the block.
+    auto block = std::make_shared<std::vector<std::optional<Fragment>>>(drafts.size());
+    std::vector<std::shared_ptr<Fragment>> fragments;
+    fragments.reserve(listed.size());
+    for (const std::size_t index : listed) {
+        auto& slot = (*block)[index];
+        if (!slot) {
+            Draft& draft = drafts[index];
+            // A segment given two URI lines points at the last one.
+            slot.emplace(draft.start, draft.duration, resolve(draft.uri), draft.offset, draft.length);
+        }
+        fragments.emplace_back(block, &*slot);
+    }
 
     representation->reset();
     if (ended) representation->isLive.set(false);
@@ -189,14 +254,18 @@ std::optional<platform::Data> MediaPlayList::generatePlayList(Container& contain
     const auto fragments = representation->fragments.get();
     const auto keyAttributes = representation->keyAttributes.get();
 
-    // "rdtp://local/<stream>/<bitrate>/", the start of every segment URI.
+    // "rdtp://local/<stream>/<bitrate>", the start of every segment URI.
     std::string prefix(segmentPrefix);
     appendInteger(prefix, *streamIndex);
     prefix += '/';
     appendInteger(prefix, *bitrate);
+    // Each segment's lines are written with as few appends as they allow.
+    const std::string segmentLineStart = "\n" + prefix + "/";
+    const std::string durationLineStart = "\n" + std::string(rawValue(Ext::inf)) + ":";
+    const std::string byteRangeLineStart = "\n" + std::string(rawValue(Ext::xByteRange)) + ":";
 
     std::string out;
-    out.reserve(128 + fragments.size() * (prefix.size() + 40));
+    out.reserve(256 + fragments.size() * (prefix.size() + 64));
     out += rawValue(Ext::start);
     out += '\n';
     out += rawValue(Ext::xVersion);
@@ -263,23 +332,17 @@ std::optional<platform::Data> MediaPlayList::generatePlayList(Container& contain
                    133);
             return std::nullopt;
         }
-        out += '\n';
-        out += rawValue(Ext::inf);
-        out += ':';
-        appendSeconds(out, duration->seconds());
+        out += durationLineStart;
+        appendSeconds(out, *duration);
         if (const auto length = fragment.length.get()) {
-            out += '\n';
-            out += rawValue(Ext::xByteRange);
-            out += ':';
+            out += byteRangeLineStart;
             appendInteger(out, *length);
             if (const auto offset = fragment.offset.get()) {
                 out += '@';
                 appendInteger(out, *offset);
             }
         }
-        out += '\n';
-        out += prefix;
-        out += '/';
+        out += segmentLineStart;
         appendInteger(out, index);
         out += segmentSuffix;
     }
@@ -290,7 +353,7 @@ std::optional<platform::Data> MediaPlayList::generatePlayList(Container& contain
 
     OVALog(OVALogLevel::debug, out, generateFunction, fileName, 152);
     representation->playList.set(out);
-    return out;
+    return std::optional<platform::Data>(std::move(out));
 }
 
 } // namespace ovalto

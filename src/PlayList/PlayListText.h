@@ -3,9 +3,11 @@
 // Text helpers shared by the master and media playlist parsers: line splitting, tag names and
 // values, and the strict number readers that decide which values count as missing.
 
+#include <bit>
 #include <charconv>
 #include <concepts>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string_view>
 #include <type_traits>
@@ -38,6 +40,23 @@ template <class F> void forEachLine(std::string_view text, F&& f) {
         }
     };
     while (p < end) {
+        if constexpr (std::endian::native == std::endian::little) {
+            // Skip eight ordinary bytes at a time: a word whose bytes are all >= 0x0E and < 0x80
+            // holds no line break. The lowest flagged byte is exact (later ones may not be).
+            constexpr std::uint64_t ones = 0x0101010101010101ull;
+            constexpr std::uint64_t highBits = 0x8080808080808080ull;
+            while (end - p >= 8) {
+                std::uint64_t word;
+                std::memcpy(&word, p, sizeof word);
+                const std::uint64_t special = ((word - ones * 0x0E) | word) & highBits;
+                if (special != 0) {
+                    p += std::countr_zero(special) / 8;
+                    break;
+                }
+                p += 8;
+            }
+            if (p == end) break;
+        }
         const unsigned char c = *p;
         std::size_t lineBreak = 0;
         if (c >= 0x0A && c <= 0x0D) {
@@ -62,15 +81,16 @@ template <class F> void forEachLine(std::string_view text, F&& f) {
 // second. `hasColon` is false for a bare tag such as "#EXT-X-ENDLIST".
 struct TagLine {
     std::string_view name;
-    std::string_view value;
+    std::string_view rest; // everything after the first colon
     bool hasColon = false;
+
+    std::string_view value() const { return rest.substr(0, rest.find(':')); }
 };
 
 inline TagLine splitTag(std::string_view line) {
     const auto colon = line.find(':');
     if (colon == std::string_view::npos) return {line, {}, false};
-    std::string_view rest = line.substr(colon + 1);
-    return {line.substr(0, colon), rest.substr(0, rest.find(':')), true};
+    return {line.substr(0, colon), line.substr(colon + 1), true};
 }
 
 // A decimal integer of type T: an optional sign and digits, nothing else, within T's range.
