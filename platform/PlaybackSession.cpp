@@ -67,6 +67,12 @@ void PlaybackSession::start(double rate, MediaFetcher::Trace trace, std::functio
     rate_ = std::max(0.0, rate);
     onEnd_ = std::move(onEnd);
     const auto& asset = item_->asset();
+    if (!asset) {
+        failed_ = true;
+        item_->announceStatus(PlayerItem::Status::failed,
+                              playerError(playerErrorNotPlayable, "The item has no asset to play."));
+        return;
+    }
     fetcher_ = MediaFetcher::create(asset->resourceLoader(),
                                     asset->options().httpCookies.value_or(std::vector<Cookie>{}));
     setTrace(std::move(trace));
@@ -85,7 +91,7 @@ void PlaybackSession::start(double rate, MediaFetcher::Trace trace, std::functio
 
 void PlaybackSession::setTrace(MediaFetcher::Trace trace) {
     if (fetcher_) fetcher_->setTrace(trace);
-    item_->asset()->setRequestTrace(std::move(trace));
+    if (item_->asset()) item_->asset()->setRequestTrace(std::move(trace));
 }
 
 void PlaybackSession::assetLoaded() {
@@ -726,6 +732,8 @@ void PlaybackSession::stop() {
     if (tickItem_) tickItem_->cancel();
     tickItem_.reset();
     item_->setSelectionHandler(nullptr);
+    // The trace belongs to the player; the asset may outlive it.
+    if (item_->asset()) item_->asset()->setRequestTrace(nullptr);
     setClock(current, limit_);
     finishSeeks(false);
 }
