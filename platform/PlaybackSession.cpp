@@ -607,13 +607,14 @@ void PlaybackSession::update() {
 
     if (!ready_ || waiting_) {
         if (!canPlay) return;
-        // A second readyToPlay is how a stall or a seek tells that playback goes on.
-        ready_ = true;
-        waiting_ = false;
-        setClock(current, limit);
+        // A second readyToPlay is how a stall or a seek tells that playback goes on. Observers
+        // hear it with the clock still where it stood; it runs from the moment they return.
         item_->announceStatus(PlayerItem::Status::readyToPlay);
         item_->setBool("playbackLikelyToKeepUp", true);
         item_->setBool("playbackBufferEmpty", false);
+        ready_ = true;
+        waiting_ = false;
+        setClock(current, limit);
         finishSeeks(true);
         return;
     }

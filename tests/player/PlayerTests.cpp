@@ -300,7 +300,13 @@ TEST_F(PlaybackTest, LivePlaylistIsReloadedEveryTargetDurationAndPlaybackFollows
     player->play();
     ASSERT_TRUE(watcher.waitFor("status=readyToPlay"));
     const double start = item->currentTime().seconds();
-    ASSERT_TRUE(ItemWatcher::waitUntil([&] { return item->currentTime().seconds() >= start + 2.0; }));
+    const auto playlistRequests = [&] {
+        const auto served = origin->served();
+        return std::count_if(served.begin(), served.end(),
+                             [](const auto& s) { return s.path == "/live/live.m3u8"; });
+    };
+    ASSERT_TRUE(ItemWatcher::waitUntil(
+        [&] { return playlistRequests() >= 3 && item->currentTime().seconds() >= start + 2.0; }));
 
     EXPECT_TRUE(item->duration().isIndefinite());
     EXPECT_EQ(item->status(), PlayerItem::Status::readyToPlay);
