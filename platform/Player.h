@@ -31,6 +31,8 @@ class Player : public std::enable_shared_from_this<Player> {
 public:
     static std::shared_ptr<Player> create(std::shared_ptr<PlayerItem> item = {},
                                           PlayerSettings settings = {});
+    // Stops playing: when it returns, the item gets no more observations or notifications. It
+    // waits for the player's thread, so it must not run where an item observer waits for.
     ~Player();
     Player(const Player&) = delete;
     Player& operator=(const Player&) = delete;

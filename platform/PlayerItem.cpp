@@ -105,18 +105,31 @@ std::optional<ErrorLog> PlayerItem::errorLog() const {
 
 void PlayerItem::addObserver(const void* observer, const std::string& keyPath, Context context,
                              Observer callback) {
+    auto registration = std::make_shared<Registration>();
+    registration->observer = observer;
+    registration->keyPath = keyPath;
+    registration->context = context;
+    registration->callback = std::move(callback);
     std::lock_guard lock(mutex_);
-    observers_.push_back({observer, keyPath, context, std::move(callback)});
+    observers_.push_back(std::move(registration));
 }
 
 void PlayerItem::removeObserver(const void* observer, const std::string& keyPath, Context context) {
-    std::lock_guard lock(mutex_);
-    // One registration per call, the latest first, as observers pair additions with removals.
-    auto found = std::find_if(observers_.rbegin(), observers_.rend(), [&](const Registration& registration) {
-        return registration.observer == observer && registration.keyPath == keyPath &&
-               registration.context == context;
-    });
-    if (found != observers_.rend()) observers_.erase(std::next(found).base());
+    std::shared_ptr<Registration> removed;
+    {
+        std::lock_guard lock(mutex_);
+        // One registration per call, the latest first, as observers pair additions with removals.
+        auto found = std::find_if(observers_.rbegin(), observers_.rend(), [&](const auto& registration) {
+            return registration->observer == observer && registration->keyPath == keyPath &&
+                   registration->context == context;
+        });
+        if (found == observers_.rend()) return;
+        removed = *found;
+        observers_.erase(std::next(found).base());
+    }
+    // Waits for a delivery in progress on the player's thread, so the observer may go afterwards.
+    std::lock_guard delivering(removed->delivering);
+    removed->removed = true;
 }
 
 void PlayerItem::select(const MediaSelectionOption& option, const MediaSelectionGroup& group) {
@@ -250,16 +263,18 @@ void PlayerItem::post(const char* name, std::map<std::string, std::any> userInfo
 }
 
 void PlayerItem::notify(const std::string& keyPath, const std::any& oldValue, const std::any& newValue) {
-    std::vector<Registration> matching;
+    std::vector<std::shared_ptr<Registration>> matching;
     {
         std::lock_guard lock(mutex_);
         for (const auto& registration : observers_) {
-            if (registration.keyPath == keyPath) matching.push_back(registration);
+            if (registration->keyPath == keyPath) matching.push_back(registration);
         }
     }
     const KeyValueChange change{oldValue, newValue};
-    for (const auto& registration : matching)
-        registration.callback(keyPath, change, registration.context);
+    for (const auto& registration : matching) {
+        std::lock_guard delivering(registration->delivering);
+        if (!registration->removed) registration->callback(keyPath, change, registration->context);
+    }
 }
 
 } // namespace ovalto::platform

@@ -109,7 +109,9 @@ public:
     const std::string& playbackSessionID() const { return playbackSessionID_; }
 
     // Key paths: "status", "playbackLikelyToKeepUp", "playbackBufferFull", "playbackBufferEmpty",
-    // "loadedTimeRanges". `observer` and `context` identify the registration for removal.
+    // "loadedTimeRanges". `observer` and `context` identify the registration for removal. Once
+    // removeObserver returns, the callback is not running and will not run again (unless the
+    // callback removes itself, which returns at once).
     void addObserver(const void* observer, const std::string& keyPath, Context context, Observer callback);
     void removeObserver(const void* observer, const std::string& keyPath, Context context);
 
@@ -135,6 +137,8 @@ private:
         std::string keyPath;
         Context context;
         Observer callback;
+        std::recursive_mutex delivering; // held while the callback runs
+        bool removed = false;            // under `delivering`
     };
     struct Clock {
         double anchor = 0; // media seconds at `wall`
@@ -176,7 +180,7 @@ private:
     std::function<void(MediaCharacteristic)> selectionHandler_;
     double preferredPeakBitRate_ = 0;
     double preferredForwardBufferDuration_ = 0;
-    std::vector<Registration> observers_;
+    std::vector<std::shared_ptr<Registration>> observers_;
 };
 
 } // namespace ovalto::platform

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <thread>
 
 using namespace ovalto::platform;
 using ovalto::test::HlsOrigin;
@@ -395,6 +396,23 @@ TEST_F(PlaybackTest, RemovedObserverHearsNothingMore) {
     EXPECT_EQ(removed, 0);
     EXPECT_GE(kept, 1);
     item->removeObserver(&kept, "status", &context);
+}
+
+TEST_F(PlaybackTest, RemovingAnObserverWaitsForItsCallbackToReturn) {
+    origin->publishMedia("busy", 2, 0.5, 100);
+    auto item = PlayerItem::create(asset("/busy/media.m3u8"));
+    std::atomic<bool> entered{false};
+    std::atomic<bool> returned{false};
+    int context = 0;
+    item->addObserver(&context, "status", &context, [&](const std::string&, const KeyValueChange&, auto) {
+        entered = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(200)); // widens the window, asserts nothing
+        returned = true;
+    });
+    auto player = Player::create(item, settings);
+    ASSERT_TRUE(ItemWatcher::waitUntil([&] { return entered.load(); }));
+    item->removeObserver(&context, "status", &context);
+    EXPECT_TRUE(returned); // the observer may go now
 }
 
 // MARK: - Failures
