@@ -299,7 +299,9 @@ void OvaltoInternal::observeValue(const std::string& keyPath, const platform::Ke
         observeStatus(change);
     } else if (keyPath == "playbackBufferEmpty") {
         OVALog(OVALogLevel::debug, "buffer empty", observeFunction, __FILE__, __LINE__);
-        if (state.get() == State::start) date.set(std::chrono::system_clock::now());
+        // Only the buffer running dry opens a period; its refilling is announced as readyToPlay.
+        const auto* empty = std::any_cast<bool>(&change.newValue);
+        if (state.get() == State::start && (!empty || *empty)) date.set(std::chrono::system_clock::now());
     } else if (keyPath == "loadedTimeRanges") {
         const auto* ranges = std::any_cast<std::vector<platform::TimeRange>>(&change.newValue);
         if (ranges && !ranges->empty()) {

@@ -327,7 +327,7 @@ private:
                                [&](const platform::Notification&) { timeline_.event("time jumped", ""); }),
         };
 
-        auto player = platform::Player::create(item_);
+        auto player = platform::Player::create();
         if (options_.trace) {
             player->setRequestTrace([this](const platform::RequestTraceLine& line) {
                 timeline_.event("player request", line.text(),
@@ -338,6 +338,7 @@ private:
                                  {"seconds", line.seconds}});
             });
         }
+        player->replaceCurrentItem(item_); // after the trace, so that it sees every request
         const bool live = item_->duration().isIndefinite();
         const double limit = options_.duration.value_or(live ? 30.0 : 0.0);
         const double startedAt = timeline_.secondsSinceStart();
