@@ -335,7 +335,7 @@ TEST_F(FacadeTest, StartupBufferingAndFragmentsAreReported) {
 
     std::lock_guard lock(listener->mutex);
     EXPECT_EQ(listener->startupTimes.size(), 1u);
-    ASSERT_GE(listener->bufferings.size(), 1u);
+    ASSERT_EQ(listener->bufferings.size(), 1u);
     const auto& stall = listener->bufferings.front();
     auto beforeSeconds = std::chrono::duration_cast<std::chrono::seconds>(before.time_since_epoch()).count();
     EXPECT_GE(static_cast<long>(stall.current), beforeSeconds);
