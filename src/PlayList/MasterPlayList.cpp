@@ -68,7 +68,6 @@ bool MasterPlayList::parsePlayList(std::string_view playList, const platform::Ur
     OVALog(OVALogLevel::debug, playList, parseFunction, fileName, 12);
     if (!playList.starts_with(rawValue(Ext::ext))) return false;
 
-    const SubUrlResolver resolve(baseUrl);
     std::vector<std::shared_ptr<Stream>> streams;
     if (!isMaster(playList)) {
         // The top URL is itself a media playlist: wrap it in a presentation of one variant.
@@ -84,6 +83,7 @@ bool MasterPlayList::parsePlayList(std::string_view playList, const platform::Ur
         return true;
     }
 
+    const SubUrlResolver resolve(baseUrl);
     // Every variant goes into one video stream, added after the renditions.
     auto video = std::make_shared<Stream>();
     std::map<std::int32_t, std::shared_ptr<Representation>> variants;
