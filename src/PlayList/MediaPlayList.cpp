@@ -9,6 +9,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <map>
 #include <memory>
 
@@ -30,28 +31,54 @@ template <class T> void appendInteger(std::string& out, T value) {
     out.append(buffer, result.ptr);
 }
 
+// Raw writers for the segment lines, which are built in a stack buffer and appended at once.
+constexpr std::size_t maxPrefix = 160;
+constexpr std::size_t bufferSize = 512;
+
+template <std::size_t N> void write(char*& cursor, const char (&text)[N]) {
+    std::memcpy(cursor, text, N - 1);
+    cursor += N - 1;
+}
+
+template <class T> void writeInteger(char*& cursor, T value) {
+    cursor = std::to_chars(cursor, cursor + 24, value).ptr;
+}
+
+// Durations that writeSeconds can write: whole milliseconds below 10^15.
+bool isWholeMilliseconds(const platform::MediaTime& duration) {
+    return duration.isNumeric() && duration.timescale == timescale &&
+           duration.value > -1'000'000'000'000'000 && duration.value < 1'000'000'000'000'000;
+}
+
+// Milliseconds as seconds: the shortest text that reads back as the same double is the exact
+// decimal ms / 1000 here, since below 2^43 s a double's spacing is finer than a millisecond.
+void writeSeconds(char*& cursor, std::int64_t milliseconds) {
+    if (milliseconds < 0) *cursor++ = '-';
+    const std::int64_t magnitude = milliseconds < 0 ? -milliseconds : milliseconds;
+    writeInteger(cursor, magnitude / timescale);
+    *cursor++ = '.';
+    const std::int64_t fraction = magnitude % timescale;
+    if (fraction == 0) {
+        *cursor++ = '0';
+        return;
+    }
+    cursor[0] = char('0' + fraction / 100);
+    cursor[1] = char('0' + fraction / 10 % 10);
+    cursor[2] = char('0' + fraction % 10);
+    std::size_t digits = 3;
+    while (cursor[digits - 1] == '0')
+        --digits;
+    cursor += digits;
+}
+
 // The duration in seconds as the shortest text that reads back as the same double, in fixed
 // notation with at least one decimal ("6.006", "10.0").
 void appendSeconds(std::string& out, const platform::MediaTime& duration) {
-    // Whole milliseconds below 10^15: the shortest such text is the exact decimal ms / 1000, since
-    // below 2^43 s a double's spacing is finer than a millisecond. Written with integers.
-    if (duration.isNumeric() && duration.timescale == timescale && duration.value > -1'000'000'000'000'000 &&
-        duration.value < 1'000'000'000'000'000) {
-        if (duration.value < 0) out += '-';
-        const std::int64_t magnitude = duration.value < 0 ? -duration.value : duration.value;
-        appendInteger(out, magnitude / timescale);
-        out += '.';
-        std::int64_t fraction = magnitude % timescale;
-        if (fraction == 0) {
-            out += '0';
-            return;
-        }
-        char digits[3] = {char('0' + fraction / 100), char('0' + fraction / 10 % 10),
-                          char('0' + fraction % 10)};
-        std::size_t length = 3;
-        while (digits[length - 1] == '0')
-            --length;
-        out.append(digits, length);
+    if (isWholeMilliseconds(duration)) {
+        char buffer[32];
+        char* cursor = buffer;
+        writeSeconds(cursor, duration.value);
+        out.append(buffer, std::size_t(cursor - buffer));
         return;
     }
     const double seconds = duration.seconds();
@@ -332,12 +359,37 @@ std::optional<platform::Data> MediaPlayList::generatePlayList(Container& contain
                    133);
             return std::nullopt;
         }
+        const auto length = fragment.length.get();
+        std::optional<std::int64_t> offset;
+        if (length) offset = fragment.offset.get();
+        if (segmentLineStart.size() <= maxPrefix && isWholeMilliseconds(*duration)) {
+            // The segment's lines in one piece: at most 9 + 21, 18 + 20 + 1 + 20 and the
+            // segment line with 20 + 3 bytes, well within the buffer.
+            char buffer[bufferSize];
+            char* cursor = buffer;
+            write(cursor, "\n#EXTINF:");
+            writeSeconds(cursor, duration->value);
+            if (length) {
+                write(cursor, "\n#EXT-X-BYTERANGE:");
+                writeInteger(cursor, *length);
+                if (offset) {
+                    *cursor++ = '@';
+                    writeInteger(cursor, *offset);
+                }
+            }
+            std::memcpy(cursor, segmentLineStart.data(), segmentLineStart.size());
+            cursor += segmentLineStart.size();
+            writeInteger(cursor, index);
+            write(cursor, ".ts");
+            out.append(buffer, std::size_t(cursor - buffer));
+            continue;
+        }
         out += durationLineStart;
         appendSeconds(out, *duration);
-        if (const auto length = fragment.length.get()) {
+        if (length) {
             out += byteRangeLineStart;
             appendInteger(out, *length);
-            if (const auto offset = fragment.offset.get()) {
+            if (offset) {
                 out += '@';
                 appendInteger(out, *offset);
             }
