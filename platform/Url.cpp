@@ -163,16 +163,25 @@ struct UrlBuilder {
         if (!holder.parse(text)) return std::nullopt;
         const UriUriA& uri = holder.uri();
         Url url;
-        url.scheme_ = rangeText(uri.scheme);
-        url.host_ = rangeText(uri.hostText);
-        if (url.host_ && url.host_->empty()) url.host_.reset();
+        // Components are kept as places in `text`, which uriparser's ranges point into.
+        const auto part = [&](const UriTextRangeA& range) {
+            Url::Part result;
+            if (range.first != nullptr) {
+                result.begin = static_cast<std::size_t>(range.first - text.data());
+                result.length = rangeLength(range);
+            }
+            return result;
+        };
+        url.scheme_ = part(uri.scheme);
+        url.host_ = part(uri.hostText);
+        if (url.host_.length == 0) url.host_ = {};
         if (auto port = rangeText(uri.portText); port && !port->empty()) {
             int value = 0;
             auto [end, error] = std::from_chars(port->data(), port->data() + port->size(), value);
             if (error == std::errc() && end == port->data() + port->size()) url.port_ = value;
         }
-        url.query_ = rangeText(uri.query);
-        url.fragment_ = rangeText(uri.fragment);
+        url.query_ = part(uri.query);
+        url.fragment_ = part(uri.fragment);
 
         // Empty segments may point outside the text, so the path is located by its length,
         // counted back from the query and fragment.
@@ -185,8 +194,8 @@ struct UrlBuilder {
         if (segments > 1) pathLength += segments - 1;
         if (uri.absolutePath || (uri.hostText.first != nullptr && segments > 0)) ++pathLength;
         std::size_t end = text.size();
-        if (url.fragment_) end -= url.fragment_->size() + 1;
-        if (url.query_) end -= url.query_->size() + 1;
+        if (url.fragment_) end -= url.fragment_.length + 1;
+        if (url.query_) end -= url.query_.length + 1;
         url.pathEnd_ = end;
         url.pathBegin_ = end - pathLength;
         url.text_ = std::move(text);
@@ -227,6 +236,11 @@ Url Url::fileUrl(std::string_view path) {
         if (auto url = parse(buffer.data())) return *url;
     }
     return *parse("file:///");
+}
+
+std::optional<std::string> Url::component(const Part& part) const {
+    if (!part) return std::nullopt;
+    return text_.substr(part.begin, part.length);
 }
 
 std::string Url::path() const {
@@ -278,12 +292,12 @@ Url Url::appendingPathComponent(std::string_view component) const {
     if (query) {
         text += '?' + escapedComponent(*query, true);
     } else if (query_) {
-        text += '?' + *query_;
+        text += '?' + *this->query();
     }
     if (fragment) {
         text += '#' + escapedComponent(*fragment, true);
     } else if (fragment_) {
-        text += '#' + *fragment_;
+        text += '#' + *this->fragment();
     }
     auto url = parse(text);
     return url ? *url : *this;
@@ -305,7 +319,7 @@ std::optional<Url> Url::replacingLastPathSegment(std::string_view reference) con
     url.port_ = port_;
     url.pathBegin_ = pathBegin_;
     url.pathEnd_ = prefix + std::min(question, reference.size());
-    if (question != std::string_view::npos) url.query_ = std::string(reference.substr(question + 1));
+    if (question != std::string_view::npos) url.query_ = {url.pathEnd_ + 1, reference.size() - question - 1};
     return url;
 }
 

@@ -21,14 +21,17 @@ public:
     static Url fileUrl(std::string_view path);
 
     const std::string& absoluteString() const { return text_; }
-    std::optional<std::string> scheme() const { return scheme_; }
-    std::optional<std::string> host() const { return host_; } // no value when empty
+    std::optional<std::string> scheme() const { return component(scheme_); }
+    // No value when empty.
+    std::optional<std::string> host() const { return component(host_); }
     std::optional<int> port() const { return port_; }
-    std::string path() const;                                   // percent-decoded, "" when empty
-    std::optional<std::string> query() const { return query_; } // without the "?"
-    std::optional<std::string> fragment() const { return fragment_; }
+    // Percent-decoded, "" when empty.
+    std::string path() const;
+    // Without the "?".
+    std::optional<std::string> query() const { return component(query_); }
+    std::optional<std::string> fragment() const { return component(fragment_); }
     std::string lastPathComponent() const; // "/" for the root, "" for an empty path
-    bool isFileUrl() const { return scheme_ == "file"; }
+    bool isFileUrl() const { return scheme() == "file"; }
 
     // The URL of the directory that holds the last path component (query and fragment dropped).
     Url deletingLastPathComponent() const;
@@ -50,12 +53,22 @@ private:
         return std::string_view(text_).substr(pathBegin_, pathEnd_ - pathBegin_);
     }
 
+    // Where a component stands in text_: a URL is one string, cheap to copy and move (segment
+    // lists hold thousands of them).
+    struct Part {
+        std::size_t begin = std::string::npos; // npos: no such component
+        std::size_t length = 0;
+        explicit operator bool() const { return begin != std::string::npos; }
+    };
+    // Out of line: GCC 12 sees uninitialised strings where callers inline this (a false positive).
+    std::optional<std::string> component(const Part& part) const;
+
     std::string text_;
-    std::optional<std::string> scheme_;
-    std::optional<std::string> host_;
+    Part scheme_;
+    Part host_;
     std::optional<int> port_;
-    std::optional<std::string> query_;
-    std::optional<std::string> fragment_;
+    Part query_;
+    Part fragment_;
     std::size_t pathBegin_ = 0; // the raw (still encoded) path within text_
     std::size_t pathEnd_ = 0;
 
