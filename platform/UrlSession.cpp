@@ -198,9 +198,9 @@ struct Transfer {
         if (colon == std::string_view::npos) return true;
         std::string name(trimmed(content.substr(0, colon)));
         std::string value(trimmed(content.substr(colon + 1)));
-        if (std::equal(name.begin(), name.end(), "set-cookie", "set-cookie" + 10,
-                       [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) == b; }) &&
-            name.size() == 10)
+        constexpr std::string_view setCookie = "set-cookie";
+        if (std::equal(name.begin(), name.end(), setCookie.begin(), setCookie.end(),
+                       [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) == b; }))
             setCookies.push_back(value);
         responseHeaders.emplace_back(std::move(name), std::move(value));
         return true;
