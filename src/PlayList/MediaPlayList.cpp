@@ -32,67 +32,50 @@ template <class T> void appendInteger(std::string& out, T value) {
 }
 
 // Raw writers for the segment lines, which are built in a stack buffer and appended at once.
-constexpr std::size_t maxPrefix = 160;
-constexpr std::size_t bufferSize = 512;
+// The buffer holds the longest lines: a duration of up to 350 characters (a double written in
+// full), two 64-bit numbers and the segment URI with its 64-bit index.
+constexpr std::size_t bufferSize = 1024;
 
-template <std::size_t N> void write(char*& cursor, const char (&text)[N]) {
-    std::memcpy(cursor, text, N - 1);
-    cursor += N - 1;
+void write(char*& cursor, std::string_view text) {
+    std::memcpy(cursor, text.data(), text.size());
+    cursor += text.size();
 }
 
 template <class T> void writeInteger(char*& cursor, T value) {
     cursor = std::to_chars(cursor, cursor + 24, value).ptr;
 }
 
-// Durations that writeSeconds can write: whole milliseconds below 10^15.
-bool isWholeMilliseconds(const platform::MediaTime& duration) {
-    return duration.isNumeric() && duration.timescale == timescale &&
-           duration.value > -1'000'000'000'000'000 && duration.value < 1'000'000'000'000'000;
-}
-
-// Milliseconds as seconds: the shortest text that reads back as the same double is the exact
-// decimal ms / 1000 here, since below 2^43 s a double's spacing is finer than a millisecond.
-void writeSeconds(char*& cursor, std::int64_t milliseconds) {
-    if (milliseconds < 0) *cursor++ = '-';
-    const std::int64_t magnitude = milliseconds < 0 ? -milliseconds : milliseconds;
-    writeInteger(cursor, magnitude / timescale);
-    *cursor++ = '.';
-    const std::int64_t fraction = magnitude % timescale;
-    if (fraction == 0) {
-        *cursor++ = '0';
-        return;
-    }
-    cursor[0] = char('0' + fraction / 100);
-    cursor[1] = char('0' + fraction / 10 % 10);
-    cursor[2] = char('0' + fraction % 10);
-    std::size_t digits = 3;
-    while (cursor[digits - 1] == '0')
-        --digits;
-    cursor += digits;
-}
-
 // The duration in seconds as the shortest text that reads back as the same double, in fixed
 // notation with at least one decimal ("6.006", "10.0").
-void appendSeconds(std::string& out, const platform::MediaTime& duration) {
-    if (isWholeMilliseconds(duration)) {
-        char buffer[32];
-        char* cursor = buffer;
-        writeSeconds(cursor, duration.value);
-        out.append(buffer, std::size_t(cursor - buffer));
+void writeSeconds(char*& cursor, const platform::MediaTime& duration) {
+    // Whole milliseconds below 10^15 (all that the parser makes): that text is the exact
+    // decimal ms / 1000, since below 2^43 s a double's spacing is finer than a millisecond.
+    if (duration.isNumeric() && duration.timescale == timescale && duration.value > -1'000'000'000'000'000 &&
+        duration.value < 1'000'000'000'000'000) {
+        if (duration.value < 0) *cursor++ = '-';
+        const std::int64_t magnitude = duration.value < 0 ? -duration.value : duration.value;
+        writeInteger(cursor, magnitude / timescale);
+        *cursor++ = '.';
+        const std::int64_t fraction = magnitude % timescale;
+        if (fraction == 0) {
+            *cursor++ = '0';
+            return;
+        }
+        cursor[0] = char('0' + fraction / 100);
+        cursor[1] = char('0' + fraction / 10 % 10);
+        cursor[2] = char('0' + fraction % 10);
+        std::size_t digits = 3;
+        while (cursor[digits - 1] == '0')
+            --digits;
+        cursor += digits;
         return;
     }
     const double seconds = duration.seconds();
-    char buffer[400];
-    const auto [end, error] =
-        std::to_chars(buffer, buffer + sizeof buffer, seconds, std::chars_format::fixed);
-    if (error != std::errc()) {
-        out += std::to_string(seconds);
-        return;
-    }
-    out.append(buffer, end);
+    char* const begin = cursor;
+    cursor = std::to_chars(cursor, cursor + 400, seconds, std::chars_format::fixed).ptr;
     if (std::isfinite(seconds) &&
-        std::string_view(buffer, std::size_t(end - buffer)).find('.') == std::string_view::npos)
-        out += ".0";
+        std::string_view(begin, std::size_t(cursor - begin)).find('.') == std::string_view::npos)
+        write(cursor, ".0");
 }
 
 void appendAttributes(std::string& out, const AttributeList& attributes) {
@@ -286,10 +269,7 @@ std::optional<platform::Data> MediaPlayList::generatePlayList(Container& contain
     appendInteger(prefix, *streamIndex);
     prefix += '/';
     appendInteger(prefix, *bitrate);
-    // Each segment's lines are written with as few appends as they allow.
     const std::string segmentLineStart = "\n" + prefix + "/";
-    const std::string durationLineStart = "\n" + std::string(rawValue(Ext::inf)) + ":";
-    const std::string byteRangeLineStart = "\n" + std::string(rawValue(Ext::xByteRange)) + ":";
 
     std::string out;
     out.reserve(256 + fragments.size() * (prefix.size() + 64));
@@ -362,41 +342,26 @@ std::optional<platform::Data> MediaPlayList::generatePlayList(Container& contain
         const auto length = fragment.length.get();
         std::optional<std::int64_t> offset;
         if (length) offset = fragment.offset.get();
-        if (segmentLineStart.size() <= maxPrefix && isWholeMilliseconds(*duration)) {
-            // The segment's lines in one piece: at most 9 + 21, 18 + 20 + 1 + 20 and the
-            // segment line with 20 + 3 bytes, well within the buffer.
-            char buffer[bufferSize];
-            char* cursor = buffer;
-            write(cursor, "\n#EXTINF:");
-            writeSeconds(cursor, duration->value);
-            if (length) {
-                write(cursor, "\n#EXT-X-BYTERANGE:");
-                writeInteger(cursor, *length);
-                if (offset) {
-                    *cursor++ = '@';
-                    writeInteger(cursor, *offset);
-                }
-            }
-            std::memcpy(cursor, segmentLineStart.data(), segmentLineStart.size());
-            cursor += segmentLineStart.size();
-            writeInteger(cursor, index);
-            write(cursor, ".ts");
-            out.append(buffer, std::size_t(cursor - buffer));
-            continue;
-        }
-        out += durationLineStart;
-        appendSeconds(out, *duration);
+        char buffer[bufferSize];
+        char* cursor = buffer;
+        write(cursor, "\n");
+        write(cursor, rawValue(Ext::inf));
+        write(cursor, ":");
+        writeSeconds(cursor, *duration);
         if (length) {
-            out += byteRangeLineStart;
-            appendInteger(out, *length);
+            write(cursor, "\n");
+            write(cursor, rawValue(Ext::xByteRange));
+            write(cursor, ":");
+            writeInteger(cursor, *length);
             if (offset) {
-                out += '@';
-                appendInteger(out, *offset);
+                *cursor++ = '@';
+                writeInteger(cursor, *offset);
             }
         }
-        out += segmentLineStart;
-        appendInteger(out, index);
-        out += segmentSuffix;
+        write(cursor, segmentLineStart);
+        writeInteger(cursor, index);
+        write(cursor, segmentSuffix);
+        out.append(buffer, std::size_t(cursor - buffer));
     }
     if (!representation->isLive.get()) {
         out += '\n';
