@@ -78,14 +78,16 @@ void writeSeconds(char*& cursor, const platform::MediaTime& duration) {
         write(cursor, ".0");
 }
 
-void appendAttributes(std::string& out, const AttributeList& attributes) {
+// `name=value` elements joined with ","; `uri`, when given, is written in place of URI's value.
+void appendAttributes(std::string& out, const AttributeList& attributes,
+                      std::optional<std::string_view> uri = {}) {
     bool first = true;
     for (const auto& [name, value] : attributes) {
         if (!first) out += ',';
         first = false;
         out += name;
         out += '=';
-        out += value;
+        out += uri && name == "URI" ? *uri : std::string_view(value);
     }
 }
 
@@ -292,26 +294,13 @@ std::optional<platform::Data> MediaPlayList::generatePlayList(Container& contain
             out += value;
         }
     });
+    const std::string initialSectionUri = "\"" + prefix + std::string(initialSectionSuffix) + "\"";
     representation->mapAttributes.with([&](const AttributeList& attributes) {
         if (attributes.empty()) return;
         out += '\n';
         out += rawValue(Ext::xMap);
         out += ':';
-        bool first = true;
-        for (const auto& [name, value] : attributes) {
-            if (!first) out += ',';
-            first = false;
-            out += name;
-            out += '=';
-            if (name == "URI") {
-                out += '"';
-                out += prefix;
-                out += initialSectionSuffix;
-                out += '"';
-            } else {
-                out += value;
-            }
-        }
+        appendAttributes(out, attributes, initialSectionUri);
     });
 
     auto key = keyAttributes.begin();
