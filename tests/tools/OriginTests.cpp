@@ -4,6 +4,11 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <filesystem>
 
 using namespace ovalto::tool;
 using namespace std::chrono_literals;
@@ -22,6 +27,25 @@ std::vector<std::string> segmentsOf(const std::string& playlist) {
     for (std::string line; std::getline(in, line);)
         if (!line.empty() && line[0] != '#') uris.push_back(line);
     return uris;
+}
+
+// TCP_NODELAY of every connection this process accepted on `port`.
+std::vector<int> noDelayOfAccepted(int port) {
+    std::vector<int> found;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
+        const int fd = std::stoi(entry.path().filename().string());
+        sockaddr_in local{}, peer{};
+        socklen_t localLength = sizeof(local), peerLength = sizeof(peer);
+        if (::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localLength) != 0 ||
+            local.sin_family != AF_INET || ntohs(local.sin_port) != port ||
+            ::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerLength) != 0)
+            continue;
+        int noDelay = 0;
+        socklen_t length = sizeof(noDelay);
+        if (::getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, &length) == 0) found.push_back(noDelay);
+    }
+    return found;
 }
 
 } // namespace
@@ -77,6 +101,19 @@ TEST(OriginTest, ServesTheSampleWithHlsContentTypes) {
     EXPECT_EQ(client.Get("/missing.m3u8")->status, 404);
     origin.stop();
     EXPECT_EQ(served.load(), 3);
+}
+
+// httplib sends headers and body in two writes; with Nagle's algorithm the body of each answer on a
+// kept-alive connection would wait for the client's delayed acknowledgement.
+TEST(OriginTest, AnswersWithoutNagleDelay) {
+    Origin::Options options;
+    options.directory = builtInSampleDirectory();
+    Origin origin(options);
+    ASSERT_TRUE(origin.start());
+    httplib::Client client("127.0.0.1", origin.port());
+    client.set_keep_alive(true);
+    ASSERT_TRUE(client.Get("/master.m3u8"));
+    EXPECT_EQ(noDelayOfAccepted(origin.port()), std::vector<int>{1});
 }
 
 TEST(OriginTest, LiveModeWindowsMediaPlaylistsOnly) {
