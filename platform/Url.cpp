@@ -198,7 +198,7 @@ struct UrlBuilder {
         if (url.query_) end -= url.query_.length + 1;
         url.pathEnd_ = end;
         url.pathBegin_ = end - pathLength;
-        url.text_ = std::move(text);
+        url.text_ = std::make_shared<const std::string>(std::move(text));
         return url;
     }
 };
@@ -217,7 +217,7 @@ std::optional<Url> Url::parse(std::string_view reference, const Url& base) {
     UriHolder relative;
     UriHolder absoluteBase;
     UriHolder resolved;
-    if (!relative.parse(reference) || !absoluteBase.parse(base.text_) ||
+    if (!relative.parse(reference) || !absoluteBase.parse(base.text()) ||
         !resolved.resolve(relative, absoluteBase))
         return std::nullopt;
     auto normalised = normalisedText(resolved);
@@ -240,7 +240,7 @@ Url Url::fileUrl(std::string_view path) {
 
 std::optional<std::string> Url::component(const Part& part) const {
     if (!part) return std::nullopt;
-    return text_.substr(part.begin, part.length);
+    return text().substr(part.begin, part.length);
 }
 
 std::string Url::path() const {
@@ -265,7 +265,7 @@ Url Url::deletingLastPathComponent() const {
         path = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
         if (path.empty() && !scheme_ && !host_) path = "./";
     }
-    auto url = parse(text_.substr(0, pathBegin_) + path);
+    auto url = parse(text().substr(0, pathBegin_) + path);
     return url ? *url : *this;
 }
 
@@ -286,7 +286,7 @@ Url Url::appendingPathComponent(std::string_view component) const {
         while (!component.empty() && component.front() == '/')
             component.remove_prefix(1);
     }
-    std::string text = text_.substr(0, pathEnd_);
+    std::string text = this->text().substr(0, pathEnd_);
     if (!endsWithSlash && !component.starts_with('/') && !(path.empty() && !scheme_ && !host_)) text += '/';
     text += escapedComponent(component, false);
     if (query) {
@@ -310,10 +310,12 @@ std::optional<Url> Url::replacingLastPathSegment(std::string_view reference) con
     if (!scheme_ || slash == std::string_view::npos || !isPlainRelativeReference(reference, question))
         return std::nullopt;
     const std::size_t prefix = pathBegin_ + slash + 1;
+    std::string text;
+    text.reserve(prefix + reference.size());
+    text.append(this->text(), 0, prefix);
+    text.append(reference);
     Url url;
-    url.text_.reserve(prefix + reference.size());
-    url.text_.append(text_, 0, prefix);
-    url.text_.append(reference);
+    url.text_ = std::make_shared<const std::string>(std::move(text));
     url.scheme_ = scheme_;
     url.host_ = host_;
     url.port_ = port_;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,7 +21,7 @@ public:
     // A file URL for a local path; a relative path is taken relative to the working directory.
     static Url fileUrl(std::string_view path);
 
-    const std::string& absoluteString() const { return text_; }
+    const std::string& absoluteString() const { return text(); }
     std::optional<std::string> scheme() const { return component(scheme_); }
     // No value when empty.
     std::optional<std::string> host() const { return component(host_); }
@@ -45,16 +46,15 @@ public:
     // for any other reference, or when this URL has no scheme or no "/" in its path.
     std::optional<Url> replacingLastPathSegment(std::string_view reference) const;
 
-    bool operator==(const Url& other) const { return text_ == other.text_; }
+    bool operator==(const Url& other) const { return text_ == other.text_ || text() == other.text(); }
 
 private:
     Url() = default;
     std::string_view rawPath() const {
-        return std::string_view(text_).substr(pathBegin_, pathEnd_ - pathBegin_);
+        return std::string_view(text()).substr(pathBegin_, pathEnd_ - pathBegin_);
     }
 
-    // Where a component stands in text_: a URL is one string, cheap to copy and move (segment
-    // lists hold thousands of them).
+    // Where a component stands in the text: a URL is one shared string and a few offsets.
     struct Part {
         std::size_t begin = std::string::npos; // npos: no such component
         std::size_t length = 0;
@@ -63,7 +63,13 @@ private:
     // Out of line: GCC 12 sees uninitialised strings where callers inline this (a false positive).
     std::optional<std::string> component(const Part& part) const;
 
-    std::string text_;
+    // The text is shared by the copies of a URL: segment lists copy URLs by the thousand, and
+    // a copy should not allocate. Empty only in a moved-from URL.
+    std::shared_ptr<const std::string> text_;
+    const std::string& text() const {
+        static const std::string empty;
+        return text_ ? *text_ : empty;
+    }
     Part scheme_;
     Part host_;
     std::optional<int> port_;
