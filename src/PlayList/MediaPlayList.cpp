@@ -24,6 +24,8 @@ constexpr std::string_view segmentPrefix = "rdtp://local/";
 constexpr std::string_view segmentSuffix = ".ts";
 constexpr std::string_view initialSectionSuffix = "/-1.ts";
 constexpr std::int32_t timescale = 1000;
+constexpr std::string_view infPrefix = "#EXTINF:";
+constexpr std::string_view byteRangePrefix = "#EXT-X-BYTERANGE:";
 
 template <class T> void appendInteger(std::string& out, T value) {
     char buffer[24];
@@ -93,8 +95,21 @@ void appendAttributes(std::string& out, const AttributeList& attributes,
 
 // An #EXTINF duration in whole milliseconds: the number before the first comma. A value that
 // is not a finite decimal number or does not fit 64 bits in milliseconds counts as missing.
-std::optional<std::int64_t> durationMilliseconds(std::string_view value) {
-    return playlisttext::parseMilliseconds(value.substr(0, value.find(',')));
+// `text` is everything after "#EXTINF:"; the value ends at the next colon, as any tag value.
+bool durationMilliseconds(std::string_view text, std::int64_t& milliseconds) {
+    std::size_t end = 0;
+    while (end < text.size() && text[end] != ',' && text[end] != ':')
+        ++end;
+    return playlisttext::parseMilliseconds(text.substr(0, end), milliseconds);
+}
+
+// MediaTime::make(milliseconds, 1000), built where it is used so that it stays in registers.
+platform::MediaTime millisecondTime(std::int64_t milliseconds) {
+    platform::MediaTime time;
+    time.value = milliseconds;
+    time.timescale = timescale;
+    time.flags = platform::MediaTime::valid;
+    return time;
 }
 
 // `running` plus a duration in milliseconds. The common case, a millisecond time far from the
@@ -107,16 +122,41 @@ platform::MediaTime advance(const platform::MediaTime& running, std::int64_t mil
         next.value = sum;
         return next;
     }
-    return running + platform::MediaTime::make(milliseconds, timescale);
+    return running + millisecondTime(milliseconds);
 }
 
-// One segment while the playlist is read: its #EXTINF, its byte range and its last URI line.
+// One segment while the playlist is read: its #EXTINF, its byte range, its last URI line and
+// how many URI lines listed it (each one lists the segment again).
 struct Draft {
     std::optional<platform::MediaTime> start;
     std::optional<platform::MediaTime> duration;
     std::optional<std::int64_t> offset;
     std::optional<std::int64_t> length;
     std::string_view uri;
+    std::size_t listings = 0;
+};
+
+// The fragments of one parse, built in place: a fragment kept elsewhere keeps its store alive,
+// and no fragment is moved once made. Storage comes in chunks sized from the playlist's length,
+// so a long playlist takes one or two allocations; slots never used are never touched.
+class FragmentStore {
+public:
+    explicit FragmentStore(std::size_t expected)
+        : chunkSize_(std::max<std::size_t>(expected, 16)) {}
+
+    Fragment& emplace(const Draft& draft, std::optional<platform::Url> url) {
+        if (chunks_.empty() || used_ == chunkSize_) {
+            chunks_.push_back(std::make_unique_for_overwrite<std::optional<Fragment>[]>(chunkSize_));
+            used_ = 0;
+        }
+        return chunks_.back()[used_++].emplace(draft.start, draft.duration, std::move(url), draft.offset,
+                                               draft.length);
+    }
+
+private:
+    std::size_t chunkSize_;
+    std::vector<std::unique_ptr<std::optional<Fragment>[]>> chunks_;
+    std::size_t used_ = 0;
 };
 
 } // namespace
@@ -137,17 +177,24 @@ bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url
     if (!playList.starts_with(rawValue(Ext::ext))) return false;
 
     // Everything is gathered here and published in one step at the end, so that concurrent
-    // segment requests see either the previous list or the new one. Segments are read into
-    // plain drafts; `listed` is the playlist order, where a draft given two URI lines appears
-    // twice, as one fragment does in the list.
+    // segment requests see either the previous list or the new one. A segment is read into a
+    // draft and made a fragment once it can no longer change: at the next #EXTINF or at the end.
+    // A draft listed by two URI lines appears twice in the list, as one fragment pointing at the
+    // last URI.
     const SubUrlResolver resolve(baseUrl);
     const auto previousStart = representation->start.get();
     platform::MediaTime running = previousStart ? *previousStart : platform::MediaTime::make(0, timescale);
-    std::vector<Draft> drafts;
-    drafts.reserve(playList.size() / 64); // a segment takes about that much text
-    std::vector<std::size_t> listed;
-    constexpr std::size_t none = std::size_t(-1);
-    std::size_t current = none; // the draft of the last #EXTINF
+    // A segment takes at least 40 bytes of text or so ("#EXTINF:6.0,", a short name).
+    const std::size_t expectedSegments = playList.size() / 40;
+    auto store = std::make_shared<FragmentStore>(expectedSegments);
+    std::vector<std::shared_ptr<Fragment>> fragments;
+    fragments.reserve(expectedSegments);
+    Draft draft; // the segment of the last #EXTINF, when `drafting`
+    bool drafting = false;
+    std::size_t listings = 0; // URI lines so far: the position of the next segment
+    // Byte-range playlists name one file for many segments in a row: it is resolved once.
+    std::string_view resolvedUri;
+    std::optional<platform::Url> resolved;
     std::map<long, AttributeList> keyAttributes;
     AttributeList playlistAttributes;
     AttributeList mapAttributes;
@@ -158,6 +205,66 @@ bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url
     std::optional<std::optional<std::int64_t>> sequence;
     std::optional<std::optional<platform::Url>> initialURL;
 
+    const auto finishDraft = [&] {
+        if (!drafting || draft.listings == 0) return;
+        if (draft.uri != resolvedUri || !resolved) {
+            resolvedUri = draft.uri;
+            resolved = resolve(draft.uri);
+        }
+        Fragment& fragment = store->emplace(draft, resolved);
+        for (std::size_t i = 0; i < draft.listings; ++i)
+            fragments.emplace_back(store, &fragment);
+    };
+    // `value` is the text after "#EXTINF:".
+    const auto readDuration = [&](std::string_view value) {
+        finishDraft();
+        drafting = true;
+        // Field by field: the draft is rewritten for every segment.
+        draft.offset.reset();
+        draft.length.reset();
+        draft.uri = {};
+        draft.listings = 0;
+        std::int64_t milliseconds = 0;
+        if (durationMilliseconds(value, milliseconds)) {
+            draft.duration = millisecondTime(milliseconds);
+            draft.start = running;
+            running = advance(running, milliseconds);
+        } else {
+            draft.duration.reset();
+            draft.start.reset();
+        }
+    };
+    // `value` is the text after "#EXT-X-BYTERANGE:": "<length>[@<offset>]", up to a colon.
+    const auto readByteRange = [&](std::string_view value) {
+        if (!drafting) return;
+        constexpr auto npos = std::string_view::npos;
+        std::size_t end = 0;
+        std::size_t at = npos;
+        std::size_t secondAt = npos;
+        for (; end < value.size() && value[end] != ':'; ++end) {
+            if (value[end] != '@') continue;
+            if (at == npos) {
+                at = end;
+            } else if (secondAt == npos) {
+                secondAt = end;
+            }
+        }
+        std::int64_t number = 0;
+        if (parseInteger(value.substr(0, std::min(at, end)), number)) {
+            draft.length = number;
+        } else {
+            draft.length.reset();
+        }
+        if (at != npos) {
+            const std::size_t offsetEnd = secondAt == npos ? end : secondAt;
+            if (parseInteger(value.substr(at + 1, offsetEnd - at - 1), number)) {
+                draft.offset = number;
+            } else {
+                draft.offset.reset();
+            }
+        }
+    };
+
     forEachLine(playList, [&](std::string_view line) {
         if (line.starts_with(rawValue(Ext::end))) {
             ended = true;
@@ -165,9 +272,19 @@ bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url
         }
         if (!line.starts_with(rawValue(Ext::ext))) {
             // A URI line, or a comment read as one: it points the current segment and lists it.
-            if (current == none) return;
-            drafts[current].uri = line;
-            listed.push_back(current);
+            if (!drafting) return;
+            draft.uri = line;
+            ++draft.listings;
+            ++listings;
+            return;
+        }
+        // The two tags of every segment go straight to their readers.
+        if (line.starts_with(infPrefix)) {
+            readDuration(line.substr(infPrefix.size()));
+            return;
+        }
+        if (line.starts_with(byteRangePrefix)) {
+            readByteRange(line.substr(byteRangePrefix.size()));
             return;
         }
         const TagLine tag = splitTag(line);
@@ -185,7 +302,7 @@ bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url
             sequence = parseInteger<std::int64_t>(tag.value());
             break;
         case Ext::xKey:
-            keyAttributes[static_cast<long>(listed.size())] = parseAttribute(line);
+            keyAttributes[static_cast<long>(listings)] = parseAttribute(line);
             break;
         case Ext::xPlaylistType:
             playlistAttributes.set(std::string(tag.name), std::string(tag.value()));
@@ -194,46 +311,11 @@ bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url
             mapAttributes = parseAttribute(line);
             if (const auto* uri = mapAttributes.find("URI")) initialURL = resolve(*uri);
             break;
-        case Ext::inf: {
-            current = drafts.size();
-            Draft& draft = drafts.emplace_back();
-            if (const auto milliseconds = durationMilliseconds(tag.value())) {
-                const auto duration = platform::MediaTime::make(*milliseconds, timescale);
-                draft.duration = duration;
-                draft.start = running;
-                running = advance(running, *milliseconds);
-            }
-            break;
-        }
-        case Ext::xByteRange: {
-            if (current == none) break;
-            const std::string_view value = tag.value();
-            const auto at = value.find('@');
-            drafts[current].length = parseInteger<std::int64_t>(value.substr(0, at));
-            if (at != std::string_view::npos) {
-                const std::string_view rest = value.substr(at + 1);
-                drafts[current].offset = parseInteger<std::int64_t>(rest.substr(0, rest.find('@')));
-            }
-            break;
-        }
         default:
             break;
         }
     });
-
-    // The fragments of one parse share one allocation; a fragment kept elsewhere keeps the block.
-    auto block = std::make_shared<std::vector<std::optional<Fragment>>>(drafts.size());
-    std::vector<std::shared_ptr<Fragment>> fragments;
-    fragments.reserve(listed.size());
-    for (const std::size_t index : listed) {
-        auto& slot = (*block)[index];
-        if (!slot) {
-            Draft& draft = drafts[index];
-            // A segment given two URI lines points at the last one.
-            slot.emplace(draft.start, draft.duration, resolve(draft.uri), draft.offset, draft.length);
-        }
-        fragments.emplace_back(block, &*slot);
-    }
+    finishDraft();
 
     representation->reset();
     if (ended) representation->isLive.set(false);
@@ -322,15 +404,15 @@ std::optional<platform::Data> MediaPlayList::generatePlayList(Container& contain
             return std::nullopt;
         }
         fragment.index.set(index);
-        const auto duration = fragment.duration.get();
+        const auto& duration = fragment.duration;
         if (!duration) {
             OVALog(OVALogLevel::warning, "The fragment duration is REQUIRED.", generateFunction, fileName,
                    133);
             return std::nullopt;
         }
-        const auto length = fragment.length.get();
+        const auto& length = fragment.length;
         std::optional<std::int64_t> offset;
-        if (length) offset = fragment.offset.get();
+        if (length) offset = fragment.offset;
         char buffer[bufferSize];
         char* cursor = buffer;
         write(cursor, "\n");

@@ -51,7 +51,7 @@ bool isValidUtf8(std::string_view text) {
     return true;
 }
 
-std::optional<std::int64_t> parseMilliseconds(std::string_view text) {
+std::optional<std::int64_t> parseMillisecondsInGeneral(std::string_view text) {
     const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
     std::size_t i = 0;
     bool negative = false;

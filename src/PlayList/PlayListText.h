@@ -94,7 +94,8 @@ inline TagLine splitTag(std::string_view line) {
 }
 
 // A decimal integer of type T: an optional sign and digits, nothing else, within T's range.
-template <std::integral T> std::optional<T> parseInteger(std::string_view text) {
+// Up to nine plain digits (what playlists nearly always hold) are read inline.
+template <std::integral T> std::optional<T> parseIntegerInGeneral(std::string_view text) {
     if (!text.empty() && text.front() == '+') {
         text.remove_prefix(1);
         if (text.empty() || text.front() == '-') return std::nullopt;
@@ -105,10 +106,78 @@ template <std::integral T> std::optional<T> parseInteger(std::string_view text) 
     return value;
 }
 
+// The same into `value`, false when there is none: hot loops read numbers this way, since an
+// optional returned through memory stalls the load that follows it.
+template <std::integral T> inline bool parseInteger(std::string_view text, T& value) {
+    if constexpr (sizeof(T) >= 4) {
+        if (!text.empty() && text.size() <= 9) {
+            std::int32_t digits = 0;
+            std::size_t i = 0;
+            for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i)
+                digits = digits * 10 + (text[i] - '0');
+            if (i == text.size()) {
+                value = static_cast<T>(digits);
+                return true;
+            }
+        }
+    }
+    const auto general = parseIntegerInGeneral<T>(text);
+    if (general) value = *general;
+    return general.has_value();
+}
+
+template <std::integral T> inline std::optional<T> parseInteger(std::string_view text) {
+    T value{};
+    if (!parseInteger(text, value)) return std::nullopt;
+    return value;
+}
+
 // A decimal number of seconds (optional sign, digits with an optional point, optional exponent)
 // times 1000, truncated toward zero. It is computed on the digits as written, so "1.001" is
 // 1001 ms where a binary double would give 1000.999... No value for text of another form
 // (including "inf" and "nan") or a result beyond 64 bits.
-std::optional<std::int64_t> parseMilliseconds(std::string_view text);
+std::optional<std::int64_t> parseMillisecondsInGeneral(std::string_view text);
+
+// The same into `milliseconds`, false when there is no value; the usual form is read inline: a
+// few digits and an optional fraction, no sign and no exponent (fourteen integer digits times
+// 1000 cannot overflow).
+inline bool parseMilliseconds(std::string_view text, std::int64_t& milliseconds) {
+    const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+    std::size_t i = 0;
+    std::int64_t whole = 0;
+    for (; i < text.size() && i < 15 && isDigit(text[i]); ++i)
+        whole = whole * 10 + (text[i] - '0');
+    if (i > 0 && i < 15) {
+        if (i == text.size()) {
+            milliseconds = whole * 1000;
+            return true;
+        }
+        if (text[i] == '.') {
+            std::int64_t fraction = 0;
+            int digits = 0;
+            for (++i; i < text.size() && isDigit(text[i]); ++i) {
+                if (digits < 3) {
+                    fraction = fraction * 10 + (text[i] - '0');
+                    ++digits;
+                }
+            }
+            if (i == text.size()) {
+                for (; digits < 3; ++digits)
+                    fraction *= 10;
+                milliseconds = whole * 1000 + fraction;
+                return true;
+            }
+        }
+    }
+    const auto general = parseMillisecondsInGeneral(text);
+    if (general) milliseconds = *general;
+    return general.has_value();
+}
+
+inline std::optional<std::int64_t> parseMilliseconds(std::string_view text) {
+    std::int64_t milliseconds = 0;
+    if (!parseMilliseconds(text, milliseconds)) return std::nullopt;
+    return milliseconds;
+}
 
 } // namespace ovalto::playlisttext

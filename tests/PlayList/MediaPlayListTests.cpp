@@ -1,6 +1,7 @@
 // The media playlist: segments, keys, map and byte ranges read into a representation, and the
 // playlist the player receives with every segment on the redirect scheme.
 #include "PlayList/MediaPlayList.h"
+#include "PlayList/PlayListText.h"
 #include "PlayList/Presentation.h"
 #include "support/LogCapture.h"
 
@@ -84,10 +85,10 @@ TEST_F(MediaPlayListTest, RewritesSegmentsMapAndKeys) {
     ASSERT_EQ(fragments.size(), 2u);
     EXPECT_EQ(fragments[0]->index.get(), 120);
     EXPECT_EQ(fragments[1]->index.get(), 121);
-    EXPECT_EQ(milliseconds(fragments[0]->start.get()), 0);
-    EXPECT_EQ(milliseconds(fragments[1]->start.get()), 6006);
-    EXPECT_EQ(milliseconds(fragments[0]->duration.get()), 6006);
-    EXPECT_EQ(milliseconds(fragments[1]->duration.get()), 5500);
+    EXPECT_EQ(milliseconds(fragments[0]->start), 0);
+    EXPECT_EQ(milliseconds(fragments[1]->start), 6006);
+    EXPECT_EQ(milliseconds(fragments[0]->duration), 6006);
+    EXPECT_EQ(milliseconds(fragments[1]->duration), 5500);
     EXPECT_EQ(milliseconds(representation->start.get()), 11506);
     EXPECT_EQ(fragments[0]->url.get()->absoluteString(), "http://cdn.example.com/v/lo/seg120.m4s");
     EXPECT_EQ(representation->keyAttributes.get().at(0).value("URI"), "\"skd://k1\"");
@@ -106,6 +107,11 @@ TEST_F(MediaPlayListTest, GeneratedPlaylists) {
          source + "#EXTINF:4,\n#EXT-X-BYTERANGE:1000@2000\na.ts\n#EXTINF:4,\n#EXT-X-BYTERANGE:500\na.ts\n",
          head + "#EXTINF:4.0\n#EXT-X-BYTERANGE:1000@2000\nrdtp://local/1/800000/0.ts\n"
                 "#EXTINF:4.0\n#EXT-X-BYTERANGE:500\nrdtp://local/1/800000/1.ts"},
+        {"a segment given two URI lines is listed twice at the last one; a byte range after its URI "
+         "still applies, and the next segment starts without it",
+         source + "#EXTINF:4,\na.ts\n#EXT-X-BYTERANGE:10@0\nb.ts\n#EXTINF:4,\nc.ts\n",
+         head + "#EXTINF:4.0\n#EXT-X-BYTERANGE:10@0\nrdtp://local/1/800000/0.ts\n#EXTINF:4.0\n"
+                "#EXT-X-BYTERANGE:10@0\nrdtp://local/1/800000/1.ts\n#EXTINF:4.0\nrdtp://local/1/800000/2.ts"},
         {"a byte range before any segment is ignored", source + "#EXT-X-BYTERANGE:7@0\n#EXTINF:4,\na.ts\n",
          head + "#EXTINF:4.0\nrdtp://local/1/800000/0.ts"},
         {"key at position 0, replaced; a key after the last segment is not written",
@@ -211,8 +217,8 @@ TEST_F(MediaPlayListTest, LiveReloadContinuesTheRunningStartAndTheMediaSequence)
     const auto fragments = representation->fragments.get();
     ASSERT_EQ(fragments.size(), 3u);
     // The running time goes on from where the previous list ended, overlap and all.
-    EXPECT_EQ(milliseconds(fragments[0]->start.get()), 18000);
-    EXPECT_EQ(milliseconds(fragments[2]->start.get()), 30000);
+    EXPECT_EQ(milliseconds(fragments[0]->start), 18000);
+    EXPECT_EQ(milliseconds(fragments[2]->start), 30000);
     EXPECT_EQ(milliseconds(representation->start.get()), 36000);
     EXPECT_TRUE(representation->isLive.get());
 
@@ -242,14 +248,14 @@ TEST_F(MediaPlayListTest, FragmentsCarryByteRangesAndUnreadableDurationsStayEmpt
                                     base, *representation));
     const auto fragments = representation->fragments.get();
     ASSERT_EQ(fragments.size(), 3u);
-    EXPECT_EQ(fragments[0]->length.get(), 1000);
-    EXPECT_EQ(fragments[0]->offset.get(), 2000);
-    EXPECT_EQ(fragments[1]->length.get(), 500);
-    EXPECT_FALSE(fragments[1]->offset.get());
-    EXPECT_FALSE(fragments[1]->duration.get());
-    EXPECT_FALSE(fragments[1]->start.get());
+    EXPECT_EQ(fragments[0]->length, 1000);
+    EXPECT_EQ(fragments[0]->offset, 2000);
+    EXPECT_EQ(fragments[1]->length, 500);
+    EXPECT_FALSE(fragments[1]->offset);
+    EXPECT_FALSE(fragments[1]->duration);
+    EXPECT_FALSE(fragments[1]->start);
     // The segment without a duration does not move the running time.
-    EXPECT_EQ(milliseconds(fragments[2]->start.get()), 2500);
+    EXPECT_EQ(milliseconds(fragments[2]->start), 2500);
 }
 
 TEST_F(MediaPlayListTest, RefusesWhatIsNotAPlaylistAndLeavesTheRepresentationAlone) {
@@ -270,4 +276,47 @@ TEST_F(MediaPlayListTest, RefusesWhatIsNotAPlaylistAndLeavesTheRepresentationAlo
     log.clear();
     EXPECT_FALSE(media.generatePlayList(unplaced));
     EXPECT_TRUE(log.lines().empty());
+}
+
+// The number readers take a shortcut for plain digits; whatever the shortcut accepts must read
+// as the general reader reads it, and what it does not take must still reach the general one.
+TEST(PlayListText, NumberShortcutsAgreeWithTheGeneralReaders) {
+    using namespace playlisttext;
+    for (const std::string_view text : {"0",
+                                        "6",
+                                        "6.",
+                                        "6.006",
+                                        "6.0069",
+                                        "0006.0060",
+                                        "10.5",
+                                        ".5",
+                                        "+.5",
+                                        "-1.5",
+                                        "1e3",
+                                        "1.5E-1",
+                                        "",
+                                        ".",
+                                        "6.0.0",
+                                        "6,",
+                                        " 6",
+                                        "12345678901234.5",
+                                        "123456789012345",
+                                        "123456789012345.5",
+                                        "9223372036854775.807",
+                                        "9223372036854775.808",
+                                        "999999999",
+                                        "4294967296",
+                                        "-0",
+                                        "+7",
+                                        "0x10"}) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(parseMilliseconds(text), parseMillisecondsInGeneral(text));
+        EXPECT_EQ(parseInteger<std::int64_t>(text), parseIntegerInGeneral<std::int64_t>(text));
+        EXPECT_EQ(parseInteger<std::int32_t>(text), parseIntegerInGeneral<std::int32_t>(text));
+        EXPECT_EQ(parseInteger<std::uint32_t>(text), parseIntegerInGeneral<std::uint32_t>(text));
+    }
+    EXPECT_EQ(parseMilliseconds("0006.0069"), 6006);
+    EXPECT_EQ(parseMilliseconds("12345678901234.5"), 12345678901234500);
+    EXPECT_EQ(parseInteger<std::int32_t>("999999999"), 999999999);
+    EXPECT_EQ(parseInteger<std::int32_t>("4294967296"), std::nullopt);
 }
