@@ -39,14 +39,17 @@ int main(int argc, char** argv) {
     center.addObserver(OvaltoErrorNotification, ovalto, [&](const platform::Notification& note) {
         const auto& error = std::any_cast<const platform::Error&>(note.userInfo.at(OvaltoErrorUserInfoKey));
         auto typed = OvaltoError::from(error);
-        std::cerr << "error " << (typed ? typed->code() : error.code) << ": " << error.localizedDescription << "\n";
+        std::cerr << "error " << (typed ? typed->code() : error.code) << ": " << error.localizedDescription
+                  << "\n";
         if (!player) done = true; // failed before there was anything to play
     });
 
     ovalto->prepare(*url);
     // The main run loop delivers the preparation; a timer keeps it checking `done`.
-    auto tick = platform::Timer::scheduledTimer(std::chrono::milliseconds(100), true, [](platform::Timer&) {});
-    platform::RunLoop::main().runUntil([&] { return done.load(); }, std::chrono::steady_clock::time_point::max());
+    auto tick =
+        platform::Timer::scheduledTimer(std::chrono::milliseconds(100), true, [](platform::Timer&) {});
+    platform::RunLoop::main().runUntil([&] { return done.load(); },
+                                       std::chrono::steady_clock::time_point::max());
     tick->invalidate();
     std::cout << "played " << (player ? player->currentTime().seconds() : 0.0) << " s\n";
     return player ? 0 : 1;

@@ -41,7 +41,8 @@ public:
     virtual bool isCurrent() const = 0;
 
 protected:
-    explicit DispatchQueue(std::string label) : label_(std::move(label)) {}
+    explicit DispatchQueue(std::string label)
+        : label_(std::move(label)) {}
 
 private:
     std::string label_;

@@ -28,7 +28,9 @@ struct MediaTime {
 
     bool isValid() const { return (flags & valid) != 0; }
     bool isIndefinite() const { return isValid() && (flags & indefinite) != 0; }
-    bool isNumeric() const { return isValid() && (flags & (indefinite | positiveInfinity | negativeInfinity)) == 0; }
+    bool isNumeric() const {
+        return isValid() && (flags & (indefinite | positiveInfinity | negativeInfinity)) == 0;
+    }
     double seconds() const; // NaN for non-numeric times
 
     // Exact sum: the result's timescale is the least common multiple of both (capped, then

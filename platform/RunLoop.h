@@ -39,7 +39,8 @@ public:
     std::chrono::steady_clock::duration interval() const;
 
     struct State;
-    explicit Timer(std::shared_ptr<State> state) : state_(std::move(state)) {}
+    explicit Timer(std::shared_ptr<State> state)
+        : state_(std::move(state)) {}
 
 private:
     std::shared_ptr<State> state_;

@@ -79,7 +79,8 @@ TEST(OVALogTest, ThresholdDropsLowerLevels) {
         for (auto level : {OVALogLevel::debug, OVALogLevel::info, OVALogLevel::warning, OVALogLevel::error})
             OVALog(level, "m", "f", "F", 1);
         std::vector<std::string> levels;
-        for (const auto& line : capture.lines()) levels.push_back(line.substr(1, line.find(' ') - 1));
+        for (const auto& line : capture.lines())
+            levels.push_back(line.substr(1, line.find(' ') - 1));
         EXPECT_EQ(levels, c.expected) << "threshold " << displayName(c.threshold);
     }
 }

@@ -42,7 +42,8 @@ TEST(PresentationModelTest, AttributeListKeepsInsertionOrderAndReplacesInPlace) 
     list.set("RESOLUTION", "1x1");
     list.set("BANDWIDTH", "2");
     std::vector<std::string> names;
-    for (const auto& [name, value] : list) names.push_back(name + "=" + value);
+    for (const auto& [name, value] : list)
+        names.push_back(name + "=" + value);
     EXPECT_EQ(names, (std::vector<std::string>{"BANDWIDTH=2", "CODECS=\"a\"", "RESOLUTION=1x1"}));
     EXPECT_TRUE(list.remove("CODECS"));
     EXPECT_FALSE(list.contains("CODECS"));
@@ -85,7 +86,8 @@ TEST(PresentationModelTest, ConcurrentReadersSeeWholeSnapshotsWhileAWriterReplac
         presentation->edgeList.set({{reload, "http://edge/"}});
         if (reload % 50 == 0) presentation->streams.set({stream});
     }
-    while (reads.load() < 100) std::this_thread::yield();
+    while (reads.load() < 100)
+        std::this_thread::yield();
     done = true;
     a.join();
     b.join();
