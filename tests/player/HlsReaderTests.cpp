@@ -25,7 +25,9 @@ const char* const masterText = R"(#EXTM3U
 #EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID="aud",NAME="English",LANGUAGE="en",DEFAULT=NO,URI="audio/en.m3u8"
 #EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID="aud",NAME="Japanese",LANGUAGE="ja",DEFAULT=YES,URI="audio/ja.m3u8"
 #EXT-X-MEDIA:TYPE=CLOSED-CAPTIONS,GROUP-ID="cc",NAME="CC1",INSTREAM-ID="CC1"
-#EXT-X-STREAM-INF:BANDWIDTH=800000,CODECS="avc1.4d401f,mp4a.40.2",AUDIO="aud",CLOSED-CAPTIONS="cc"
+#EXT-X-MEDIA:TYPE=VIDEO,GROUP-ID="v",NAME="Wide",DEFAULT=YES,URI="wide.m3u8"
+#EXT-X-MEDIA:TYPE=VIDEO,GROUP-ID="v",NAME="Close",URI="close.m3u8"
+#EXT-X-STREAM-INF:BANDWIDTH=800000,CODECS="avc1.4d401f,mp4a.40.2",AUDIO="aud",CLOSED-CAPTIONS="cc",VIDEO="v"
 low/media.m3u8
 #EXT-X-I-FRAME-STREAM-INF:BANDWIDTH=100000,URI="iframes.m3u8"
 #EXT-X-STREAM-INF:BANDWIDTH=2000000,AVERAGE-BANDWIDTH=1800000,AUDIO="aud",CLOSED-CAPTIONS=NONE
@@ -45,7 +47,7 @@ TEST(HlsReader, MasterPlaylistListsVariantsAndRenditionsWithResolvedUris) {
     EXPECT_EQ(playlist.variants[1].uri.absoluteString(), "http://cdn.invalid/high/media.m3u8");
     EXPECT_FALSE(playlist.variants[1].closedCaptions);
 
-    ASSERT_EQ(playlist.renditions.size(), 3u);
+    ASSERT_EQ(playlist.renditions.size(), 5u);
     EXPECT_EQ(playlist.renditions[1].name, "Japanese");
     EXPECT_TRUE(playlist.renditions[1].isDefault);
     EXPECT_EQ(playlist.renditions[1].uri->absoluteString(), "http://127.0.0.1:8080/live/audio/ja.m3u8");
@@ -65,18 +67,13 @@ TEST(HlsReader, RenditionChoicePrefersTheNamedThenTheDefaultThenTheFirst) {
         EXPECT_EQ(rendition->name, c.expected);
     }
     EXPECT_EQ(playlist.rendition("AUDIO", "other", std::nullopt), nullptr);
-}
 
-TEST(HlsReader, VideoRenditionReplacesTheVariantsOwnPlaylist) {
-    const auto playlist = master(R"(#EXTM3U
-#EXT-X-MEDIA:TYPE=VIDEO,GROUP-ID="v",NAME="Wide",DEFAULT=YES,URI="wide.m3u8"
-#EXT-X-MEDIA:TYPE=VIDEO,GROUP-ID="v",NAME="Close",URI="close.m3u8"
-#EXT-X-STREAM-INF:BANDWIDTH=1000,VIDEO="v"
-own.m3u8
-)");
-    ASSERT_EQ(playlist.variants.size(), 1u);
-    EXPECT_EQ(playlist.mainPlaylistUrl(playlist.variants[0], std::nullopt).lastPathComponent(), "wide.m3u8");
-    EXPECT_EQ(playlist.mainPlaylistUrl(playlist.variants[0], "Close").lastPathComponent(), "close.m3u8");
+    // A VIDEO rendition replaces the variant's own playlist; a variant without a group keeps it.
+    const auto& [low, high] = std::tie(playlist.variants.at(0), playlist.variants.at(1));
+    EXPECT_EQ(playlist.mainPlaylistUrl(low, std::nullopt).lastPathComponent(), "wide.m3u8");
+    EXPECT_EQ(playlist.mainPlaylistUrl(low, "Close").lastPathComponent(), "close.m3u8");
+    EXPECT_EQ(playlist.mainPlaylistUrl(high, std::nullopt).absoluteString(),
+              "http://cdn.invalid/high/media.m3u8");
 }
 
 TEST(HlsReader, MediaPlaylistNumbersSegmentsAndCarriesMapKeysAndRanges) {
@@ -125,13 +122,11 @@ other.ts
     EXPECT_FALSE(third.byteRange);
     EXPECT_TRUE(third.map); // the map applies until the next one
     EXPECT_EQ(third.uri.absoluteString(), "http://127.0.0.1:8080/live/other.ts");
-}
+    EXPECT_FALSE(playlist.isLive());
 
-TEST(HlsReader, LivePlaylistHasNoEnd) {
-    const auto playlist =
-        media("#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:7\n#EXTINF:2,\na.ts\n");
-    EXPECT_TRUE(playlist.isLive());
-    EXPECT_EQ(playlist.segments.at(0).sequence, 7);
+    const auto live = media("#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:7\n#EXTINF:2,\na.ts\n");
+    EXPECT_TRUE(live.isLive());
+    EXPECT_EQ(live.segments.at(0).sequence, 7);
 }
 
 TEST(HlsReader, RejectsWhatIsNotAUsablePlaylist) {

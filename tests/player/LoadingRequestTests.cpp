@@ -17,15 +17,16 @@ Url url(const char* text) {
     return *Url::parse(text);
 }
 
-// Collects the outcomes a request's completion receives.
+// Makes requests and collects the outcomes their completions receive, from any thread.
 class Outcomes {
 public:
-    LoadingRequest::Completion completion() {
-        return [this](const LoadingOutcome& outcome) {
-            std::lock_guard lock(mutex_);
-            outcomes_.push_back(outcome);
-            changed_.notify_all();
-        };
+    std::shared_ptr<LoadingRequest> request(LoadingRequest::Parts parts = {}) {
+        return LoadingRequest::create(UrlRequest(url("cplp://local/master.m3u8")), parts,
+                                      [this](const LoadingOutcome& outcome) {
+                                          std::lock_guard lock(mutex_);
+                                          outcomes_.push_back(outcome);
+                                          changed_.notify_all();
+                                      });
     }
     // Waits (as a hang guard) for the first outcome.
     LoadingOutcome first() {
@@ -44,55 +45,41 @@ private:
     std::vector<LoadingOutcome> outcomes_;
 };
 
-std::shared_ptr<LoadingRequest> makeRequest(Outcomes& outcomes, LoadingRequest::Parts parts = {}) {
-    return LoadingRequest::create(UrlRequest(url("cplp://local/master.m3u8")), parts, outcomes.completion());
-}
-
 } // namespace
 
-TEST(LoadingRequest, DataAnswerHandsOverEveryRespondedByteAndTheContentType) {
-    Outcomes outcomes;
+TEST(LoadingRequest, EachWayOfFinishingReachesThePlayerWithWhatWasSet) {
+    Outcomes data, redirected, failed;
     LoadingRequest::Parts parts;
     parts.requestedOffset = 100;
     parts.contentInformationRequest = true;
-    auto request = makeRequest(outcomes, parts);
+    auto request = data.request(parts);
     ASSERT_NE(request->dataRequest(), nullptr);
     request->dataRequest()->respond("#EXTM3U\n");
     request->dataRequest()->respond("#EXT-X-ENDLIST\n");
     EXPECT_EQ(request->dataRequest()->currentOffset(), 100 + 23);
     request->contentInformationRequest()->setContentType(streamingKeyDeliveryPersistentContentKeyType);
     request->finishLoading();
-
-    const LoadingOutcome outcome = outcomes.first();
+    LoadingOutcome outcome = data.first();
     EXPECT_EQ(outcome.kind, LoadingOutcome::Kind::data);
     EXPECT_EQ(outcome.data, "#EXTM3U\n#EXT-X-ENDLIST\n");
     EXPECT_EQ(outcome.contentType, streamingKeyDeliveryPersistentContentKeyType);
     EXPECT_TRUE(request->isFinished());
     EXPECT_FALSE(request->isCancelled());
-}
 
-TEST(LoadingRequest, RedirectAnswerCarriesTheRedirectAndTheSyntheticResponse) {
-    Outcomes outcomes;
-    auto request = makeRequest(outcomes);
+    request = redirected.request();
     request->setRedirect(
         UrlRequest(url("http://127.0.0.1:1/seg.ts"), CachePolicy::reloadIgnoringLocalCacheData, 30));
     request->setResponse(UrlResponse{url("http://127.0.0.1:1/seg.ts"), true, 302, {}, {}, -1});
     request->finishLoading();
-
-    const LoadingOutcome outcome = outcomes.first();
+    outcome = redirected.first();
     EXPECT_EQ(outcome.kind, LoadingOutcome::Kind::redirect);
-    ASSERT_TRUE(outcome.redirect);
+    ASSERT_TRUE(outcome.redirect && outcome.response);
     EXPECT_EQ(outcome.redirect->url.absoluteString(), "http://127.0.0.1:1/seg.ts");
     EXPECT_EQ(outcome.redirect->timeoutInterval, 30);
-    ASSERT_TRUE(outcome.response);
     EXPECT_EQ(outcome.response->statusCode, 302);
-}
 
-TEST(LoadingRequest, ErrorAnswerCarriesTheError) {
-    Outcomes outcomes;
-    auto request = makeRequest(outcomes);
-    request->finishLoading(Error{"OvaltoError", 0x8301, "Resource URL is not valid.", {}});
-    const LoadingOutcome outcome = outcomes.first();
+    failed.request()->finishLoading(Error{"OvaltoError", 0x8301, "Resource URL is not valid.", {}});
+    outcome = failed.first();
     EXPECT_EQ(outcome.kind, LoadingOutcome::Kind::error);
     ASSERT_TRUE(outcome.error);
     EXPECT_EQ(outcome.error->code, 0x8301);
@@ -102,7 +89,7 @@ TEST(LoadingRequest, ErrorAnswerCarriesTheError) {
 TEST(LoadingRequest, AnswerAfterThePlayerGaveUpIsIgnoredQuietly) {
     ovalto::test::LogCapture log;
     Outcomes outcomes;
-    auto request = makeRequest(outcomes);
+    auto request = outcomes.request();
     request->cancel();
     request->dataRequest()->respond("late");
     request->finishLoading();
@@ -117,7 +104,7 @@ TEST(LoadingRequest, AnswerAfterThePlayerGaveUpIsIgnoredQuietly) {
 TEST(LoadingRequest, SecondFinishIsIgnoredAndLoggedInReleaseBuilds) {
     ovalto::test::LogCapture log;
     Outcomes outcomes;
-    auto request = makeRequest(outcomes);
+    auto request = outcomes.request();
     request->dataRequest()->respond("one");
     request->finishLoading();
     request->finishLoading(Error{"X", 1, "second", {}});
@@ -131,7 +118,7 @@ TEST(LoadingRequestDeathTest, SecondFinishIsCaughtInDebugBuilds) {
     EXPECT_DEATH(
         {
             Outcomes outcomes;
-            auto request = makeRequest(outcomes);
+            auto request = outcomes.request();
             request->finishLoading();
             request->finishLoading();
         },
@@ -143,7 +130,7 @@ TEST(LoadingRequestDeathTest, SecondFinishIsCaughtInDebugBuilds) {
 TEST(LoadingRequest, RaceBetweenAnswerAndCancelEndsItExactlyOnce) {
     for (int round = 0; round < 200; ++round) {
         Outcomes outcomes;
-        auto request = makeRequest(outcomes);
+        auto request = outcomes.request();
         std::thread answerer([&] {
             request->dataRequest()->respond("bytes");
             request->finishLoading();
@@ -156,14 +143,13 @@ TEST(LoadingRequest, RaceBetweenAnswerAndCancelEndsItExactlyOnce) {
     }
 }
 
-TEST(LoadingRequest, KeyRequestBlobsAreDeterministicAndDependOnEveryInput) {
+TEST(LoadingRequest, KeyRequestBlobsDependOnEveryInputAndEmptyInputsAreRefused) {
     Outcomes outcomes;
-    auto request = makeRequest(outcomes);
+    auto request = outcomes.request();
     const auto blob = [&](const Data& certificate, const Data& id, bool persistent) {
         LoadingRequest::Options options;
         if (persistent) options[streamingContentKeyRequestRequiresPersistentKey] = true;
-        auto result = request->streamingContentKeyRequestData(certificate, id, options);
-        return std::get<Data>(result);
+        return std::get<Data>(request->streamingContentKeyRequestData(certificate, id, options));
     };
     const Data base = blob("certificate", "abc123", false);
     EXPECT_EQ(blob("certificate", "abc123", false), base);
@@ -171,11 +157,7 @@ TEST(LoadingRequest, KeyRequestBlobsAreDeterministicAndDependOnEveryInput) {
     EXPECT_NE(blob("certificate", "abc124", false), base);
     EXPECT_NE(blob("certificate", "abc123", true), base);
     EXPECT_NE(base.find("abc123"), Data::npos);
-}
 
-TEST(LoadingRequest, KeyOperationsRefuseEmptyInputsWithAnError) {
-    Outcomes outcomes;
-    auto request = makeRequest(outcomes);
     struct Case {
         Data certificate, id;
         std::int64_t code;
@@ -202,13 +184,11 @@ class ScriptedDelegate : public ResourceLoaderDelegate {
 public:
     std::function<bool(const std::shared_ptr<LoadingRequest>&)> answer;
     std::atomic<bool> onQueue{true};
-    std::atomic<int> calls{0};
     std::atomic<int> cancels{0};
-    std::shared_ptr<DispatchQueue> queue;
+    std::shared_ptr<DispatchQueue> queue = DispatchQueue::serial("test.resource");
 
     bool shouldWaitForLoadingOfRequestedResource(AssetResourceLoader&,
                                                  const std::shared_ptr<LoadingRequest>& request) override {
-        ++calls;
         if (!queue->isCurrent()) onQueue = false;
         return answer(request);
     }
@@ -223,28 +203,23 @@ struct LoaderFixture : ::testing::Test {
     std::shared_ptr<ScriptedDelegate> delegate = std::make_shared<ScriptedDelegate>();
     Outcomes outcomes;
 
-    void SetUp() override {
-        delegate->queue = DispatchQueue::serial("test.resource");
-        loader->setDelegate(delegate, delegate->queue);
-    }
+    void SetUp() override { loader->setDelegate(delegate, delegate->queue); }
 };
 
 } // namespace
 
-TEST_F(LoaderFixture, WithoutADelegateTheRequestFailsAtOnce) {
+TEST_F(LoaderFixture, RequestFailsWithoutAWillingDelegateUnlessAnsweredBeforeDeclining) {
     loader->setDelegate({}, nullptr);
-    auto request = makeRequest(outcomes);
-    loader->load(request);
+    loader->load(outcomes.request());
     ASSERT_EQ(outcomes.count(), 1u); // synchronously
     EXPECT_EQ(outcomes.first().error->domain, Error::loaderDomain);
     EXPECT_EQ(outcomes.first().error->code, loaderErrorNoDelegate);
-}
 
-TEST_F(LoaderFixture, ADeclinedRequestFailsAndAnAnswerGivenBeforeDecliningStands) {
+    loader->setDelegate(delegate, delegate->queue);
     delegate->answer = [](const auto&) { return false; };
-    auto declined = makeRequest(outcomes);
-    loader->load(declined);
-    EXPECT_EQ(outcomes.first().error->code, loaderErrorNoDelegate);
+    Outcomes declined;
+    loader->load(declined.request());
+    EXPECT_EQ(declined.first().error->code, loaderErrorNoDelegate);
 
     Outcomes answered;
     delegate->answer = [](const std::shared_ptr<LoadingRequest>& request) {
@@ -252,7 +227,7 @@ TEST_F(LoaderFixture, ADeclinedRequestFailsAndAnAnswerGivenBeforeDecliningStands
         request->finishLoading();
         return false;
     };
-    loader->load(makeRequest(answered));
+    loader->load(answered.request());
     EXPECT_EQ(answered.first().kind, LoadingOutcome::Kind::data);
     EXPECT_EQ(answered.first().data, "data");
 }
@@ -262,22 +237,23 @@ TEST_F(LoaderFixture, DelegateIsCalledOnItsQueueAndHeldWeakly) {
         DispatchQueue::global()->async([request] { request->finishLoading(); });
         return true;
     };
-    loader->load(makeRequest(outcomes));
+    loader->load(outcomes.request());
     EXPECT_EQ(outcomes.first().kind, LoadingOutcome::Kind::data);
     EXPECT_TRUE(delegate->onQueue);
 
     std::weak_ptr<ScriptedDelegate> weak = delegate;
-    delegate->queue->sync([] {}); // the loader's block has let go of it
+    const auto queue = delegate->queue;
+    queue->sync([] {}); // the loader's block has let go of it
     delegate.reset();
     EXPECT_TRUE(weak.expired());
     Outcomes orphaned;
-    loader->load(makeRequest(orphaned));
+    loader->load(orphaned.request());
     EXPECT_EQ(orphaned.first().error->code, loaderErrorNoDelegate);
 }
 
 TEST_F(LoaderFixture, CancellingTellsTheDelegateOnItsQueue) {
     delegate->answer = [](const auto&) { return true; }; // taken on, never answered
-    auto request = makeRequest(outcomes);
+    auto request = outcomes.request();
     loader->load(request);
     delegate->queue->sync([] {}); // the delegate has seen it
     loader->cancel(request);
