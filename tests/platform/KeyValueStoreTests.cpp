@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -45,32 +44,29 @@ std::string valueFor(std::uint32_t index) {
     return value;
 }
 
-TEST_F(KeyValueStoreTest, RoundTripsValuesOfBothKinds) {
+TEST_F(KeyValueStoreTest, ValuesKeepTheirKindAcrossReopeningAndAreOverwrittenAndRemoved) {
     auto store = KeyValueStore::open(path());
-    const std::string binary("\0\x01\xff\x7f payload\0", 13);
-    struct Case {
+    const struct {
         std::string key, value;
         bool text;
+    } cases[] = {
+        {"binary", std::string("\0\x01\xff\x7f payload\0", 13), false},
+        {"empty-data", "", false},
+        {"empty-text", "", true},
+        {"text", "Grüße, 字幕", true},
+        {"with\0nul", "x", true},
+        {"big", valueFor(3), false},
     };
-    const Case cases[] = {
-        {"binary", binary, false},     {"empty-data", "", false}, {"empty-text", "", true},
-        {"text", "Grüße, 字幕", true}, {"with\0nul", "x", true},  {"big", valueFor(3), false},
-    };
-    for (const auto& c : cases) {
+    for (const auto& c : cases)
         ASSERT_TRUE(c.text ? store->setString(c.value, c.key) : store->set(c.value, c.key)) << c.key;
-    }
     auto reopened = KeyValueStore::open(path());
     for (const auto& c : cases) {
         auto read = c.text ? reopened->string(c.key) : reopened->data(c.key);
         ASSERT_TRUE(read.has_value()) << c.key;
         EXPECT_EQ(*read, c.value) << c.key;
-        // A value keeps its kind.
         EXPECT_FALSE(c.text ? reopened->data(c.key) : reopened->string(c.key)) << c.key;
     }
-}
 
-TEST_F(KeyValueStoreTest, OverwritesAndRemoves) {
-    auto store = KeyValueStore::open(path());
     EXPECT_FALSE(store->string("token"));
     ASSERT_TRUE(store->setString("first", "token"));
     ASSERT_TRUE(store->set("second", "token"));
@@ -88,8 +84,7 @@ TEST_F(KeyValueStoreTest, CreatesMissingDirectoriesAndReportsAnUnusablePath) {
     EXPECT_TRUE(fs::exists(path("a/b/c/store.sqlite3")));
 
     ovalto::test::LogCapture log;
-    ASSERT_TRUE(nested->setString("v", "k"));
-    std::string underAFile = path("a/b/c/store.sqlite3") + "/inner/store.sqlite3";
+    const std::string underAFile = path("a/b/c/store.sqlite3") + "/inner/store.sqlite3";
     auto broken = KeyValueStore::open(underAFile);
     EXPECT_FALSE(broken->setString("v", "k"));
     EXPECT_FALSE(broken->string("k"));
@@ -99,50 +94,50 @@ TEST_F(KeyValueStoreTest, CreatesMissingDirectoriesAndReportsAnUnusablePath) {
 }
 
 TEST(KeyValueStorePath, FollowsTheEnvironment) {
-    struct Case {
-        const char* defaultsPath;
-        const char* dataHome;
-        const char* home;
-        std::string expected;
-    };
-    const Case cases[] = {
-        {"/x/defaults.db", "/data", "/home/u", "/x/defaults.db"},
-        {nullptr, "/data", "/home/u", "/data/ovalto/defaults.sqlite3"},
-        {"", "/data", "/home/u", "/data/ovalto/defaults.sqlite3"},
-        {nullptr, nullptr, "/home/u", "/home/u/.local/share/ovalto/defaults.sqlite3"},
-        {nullptr, "relative", "/home/u", "/home/u/.local/share/ovalto/defaults.sqlite3"},
-    };
     const char* names[] = {"OVALTO_DEFAULTS_PATH", "XDG_DATA_HOME", "HOME"};
+    const struct {
+        const char* values[3];
+        std::string expected;
+    } cases[] = {
+        {{"/x/defaults.db", "/data", "/home/u"}, "/x/defaults.db"},
+        {{nullptr, "/data", "/home/u"}, "/data/ovalto/defaults.sqlite3"},
+        {{"", "/data", "/home/u"}, "/data/ovalto/defaults.sqlite3"},
+        {{nullptr, nullptr, "/home/u"}, "/home/u/.local/share/ovalto/defaults.sqlite3"},
+        {{nullptr, "relative", "/home/u"}, "/home/u/.local/share/ovalto/defaults.sqlite3"},
+    };
+    const auto set = [&](const auto& values) {
+        for (int i = 0; i < 3; ++i)
+            values[i] ? setenv(names[i], values[i], 1) : unsetenv(names[i]);
+    };
     std::optional<std::string> saved[3];
     for (int i = 0; i < 3; ++i) {
         if (const char* value = std::getenv(names[i])) saved[i] = value;
     }
     for (const auto& c : cases) {
-        const char* values[] = {c.defaultsPath, c.dataHome, c.home};
-        for (int i = 0; i < 3; ++i)
-            values[i] ? setenv(names[i], values[i], 1) : unsetenv(names[i]);
+        set(c.values);
         EXPECT_EQ(KeyValueStore::standardPath(), c.expected);
     }
+    const char* restored[3];
     for (int i = 0; i < 3; ++i)
-        saved[i] ? setenv(names[i], saved[i]->c_str(), 1) : unsetenv(names[i]);
+        restored[i] = saved[i] ? saved[i]->c_str() : nullptr;
+    set(restored);
 }
 
 TEST_F(KeyValueStoreTest, ConcurrentWritersFromThreadsAndConnections) {
     // Two connections to the same file, each shared by several threads.
     auto first = KeyValueStore::open(path());
     auto second = KeyValueStore::open(path());
-    constexpr int threads = 6;
-    constexpr int writesEach = 60;
+    constexpr int threads = 6, writesEach = 60;
+    const auto key = [](int t, int i) { return "k" + std::to_string(t) + "-" + std::to_string(i); };
     std::atomic<int> failures{0};
     std::vector<std::thread> writers;
     for (int t = 0; t < threads; ++t) {
         writers.emplace_back([&, t] {
             auto& store = t % 2 ? *first : *second;
             for (int i = 0; i < writesEach; ++i) {
-                std::string key = "k" + std::to_string(t) + "-" + std::to_string(i);
-                if (!store.set(valueFor(t * writesEach + i), key)) ++failures;
-                if (!store.setString(key, "shared")) ++failures;
-                if (!store.data(key)) ++failures;
+                if (!store.set(valueFor(t * writesEach + i), key(t, i))) ++failures;
+                if (!store.setString(key(t, i), "shared")) ++failures;
+                if (!store.data(key(t, i))) ++failures;
             }
         });
     }
@@ -152,10 +147,8 @@ TEST_F(KeyValueStoreTest, ConcurrentWritersFromThreadsAndConnections) {
 
     auto reader = KeyValueStore::open(path());
     for (int t = 0; t < threads; ++t) {
-        for (int i = 0; i < writesEach; ++i) {
-            std::string key = "k" + std::to_string(t) + "-" + std::to_string(i);
-            ASSERT_EQ(reader->data(key), valueFor(t * writesEach + i)) << key;
-        }
+        for (int i = 0; i < writesEach; ++i)
+            ASSERT_EQ(reader->data(key(t, i)), valueFor(t * writesEach + i)) << key(t, i);
     }
     auto shared = reader->string("shared");
     ASSERT_TRUE(shared);
@@ -181,7 +174,6 @@ TEST_F(KeyValueStoreTest, WriteThatReturnedSurvivesSigkill) {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, ack[1], 3);
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-
     std::string variable = "OVALTO_TEST_KVS_CHILD=" + path();
     std::vector<char*> env;
     for (char** e = environ; *e; ++e)
@@ -193,7 +185,7 @@ TEST_F(KeyValueStoreTest, WriteThatReturnedSurvivesSigkill) {
     std::string disabled = "--gtest_also_run_disabled_tests";
     char* argv[] = {exe.data(), filter.data(), disabled.data(), nullptr};
     pid_t child = 0;
-    int spawned = posix_spawn(&child, exe.c_str(), &actions, nullptr, argv, env.data());
+    const int spawned = posix_spawn(&child, exe.c_str(), &actions, nullptr, argv, env.data());
     posix_spawn_file_actions_destroy(&actions);
     close(ack[1]);
     ASSERT_EQ(spawned, 0);
@@ -203,34 +195,31 @@ TEST_F(KeyValueStoreTest, WriteThatReturnedSurvivesSigkill) {
     std::int64_t lastAck = -1;
     int parentWrites = 0;
     bool parentFailed = false;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    std::uint32_t index;
     while (lastAck < 20 && std::chrono::steady_clock::now() < deadline) {
         if (!store->setString("parent", "p" + std::to_string(parentWrites++))) parentFailed = true;
         pollfd pfd{ack[0], POLLIN, 0};
         if (poll(&pfd, 1, 100) <= 0) continue;
-        std::uint32_t index;
-        ssize_t n = read(ack[0], &index, sizeof index);
-        if (n != static_cast<ssize_t>(sizeof index)) break; // the child died early
+        if (read(ack[0], &index, sizeof index) != static_cast<ssize_t>(sizeof index))
+            break; // the child died early
         lastAck = index;
     }
     kill(child, SIGKILL);
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     // Acknowledgements still in the pipe count too: those writes had returned.
-    for (std::uint32_t index; read(ack[0], &index, sizeof index) == static_cast<ssize_t>(sizeof index);)
+    while (read(ack[0], &index, sizeof index) == static_cast<ssize_t>(sizeof index))
         lastAck = index;
     close(ack[0]);
 
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "child ended on its own: " << status;
     ASSERT_GE(lastAck, 20);
     EXPECT_FALSE(parentFailed);
-
     auto reopened = KeyValueStore::open(path());
-    for (std::int64_t i = 0; i <= lastAck; ++i) {
-        auto value = reopened->data("v" + std::to_string(i));
-        ASSERT_TRUE(value) << "v" << i << " of " << lastAck;
-        ASSERT_EQ(*value, valueFor(static_cast<std::uint32_t>(i))) << "v" << i;
-    }
+    for (std::int64_t i = 0; i <= lastAck; ++i)
+        ASSERT_EQ(reopened->data("v" + std::to_string(i)), valueFor(static_cast<std::uint32_t>(i)))
+            << "v" << i;
     // The write under way when the child died is either absent or whole.
     if (auto next = reopened->data("v" + std::to_string(lastAck + 1))) {
         EXPECT_EQ(*next, valueFor(static_cast<std::uint32_t>(lastAck + 1)));

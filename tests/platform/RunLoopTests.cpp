@@ -68,7 +68,7 @@ TEST(MainQueue, FollowsWhicheverThreadDrivesTheLoop) {
     }
 }
 
-TEST(RunLoop, StopReturnsAfterTheCurrentBlockAndKeepsTheRest) {
+TEST(RunLoop, StopReturnsAfterTheCurrentBlockAndKeepsTheRestAndRunForReportsTheDeadline) {
     std::vector<int> order;
     DispatchQueue::main()->async([&] { order.push_back(1); });
     DispatchQueue::main()->async([&] {
@@ -81,73 +81,57 @@ TEST(RunLoop, StopReturnsAfterTheCurrentBlockAndKeepsTheRest) {
 
     ASSERT_TRUE(runUntil([&] { return order.size() == 3; }));
     EXPECT_EQ(order.back(), 3);
-}
-
-TEST(RunLoop, RunUntilReportsTheDeadlineWhenNotDone) {
+    // runFor tells whether it ended because the condition held or because time ran out.
     EXPECT_FALSE(RunLoop::main().runFor(10ms, [] { return false; }));
-    EXPECT_TRUE(RunLoop::main().runFor(hangGuard, [] { return true; }));
 }
 
-TEST(Timer, RepeatingTimerStopsAtInvalidateFromItsBlockAndReleasesItsCaptures) {
-    auto capture = std::make_shared<int>(0);
-    std::weak_ptr<int> watch = capture;
+TEST(Timer, RepeatingTimerStopsAtInvalidateFromItsBlockOrAnotherThreadAndReleasesItsCaptures) {
+    auto capture = std::make_shared<int>(0), otherCapture = std::make_shared<int>(0);
+    std::weak_ptr<int> watch = capture, otherWatch = otherCapture;
     int fired = 0;
+    std::atomic<int> otherFired{0};
     std::thread::id firedOn;
     auto timer = Timer::scheduledTimer(1ms, true, [&fired, &firedOn, capture](Timer& self) {
         firedOn = std::this_thread::get_id();
         if (++fired == 3) self.invalidate();
     });
-    InvalidateOnExit guard{timer};
+    auto other = Timer::scheduledTimer(1ms, true, [&otherFired, otherCapture](Timer&) { ++otherFired; });
+    InvalidateOnExit guard{timer}, otherGuard{other};
     capture.reset();
-    EXPECT_FALSE(watch.expired()); // the timer keeps its block alive while valid
+    otherCapture.reset();
+    EXPECT_FALSE(watch.expired()); // a timer keeps its block alive while valid
 
-    ASSERT_TRUE(runUntil([&] { return fired == 3; }));
+    ASSERT_TRUE(runUntil([&] { return fired == 3 && otherFired >= 2; }));
     EXPECT_FALSE(timer->isValid());
     EXPECT_TRUE(watch.expired());
     EXPECT_EQ(firedOn, std::this_thread::get_id());
-
+    std::thread([other] { other->invalidate(); }).join();
+    const int otherAtInvalidate = otherFired;
     RunLoop::main().runFor(30ms);
     EXPECT_EQ(fired, 3);
+    EXPECT_EQ(otherFired, otherAtInvalidate);
+    EXPECT_TRUE(otherWatch.expired());
 }
 
-TEST(Timer, InvalidateFromAnotherThreadStopsFiring) {
-    auto capture = std::make_shared<int>(0);
-    std::weak_ptr<int> watch = capture;
-    std::atomic<int> fired{0};
-    auto timer = Timer::scheduledTimer(1ms, true, [&fired, capture](Timer&) { ++fired; });
-    InvalidateOnExit guard{timer};
-    capture.reset();
-    ASSERT_TRUE(runUntil([&] { return fired >= 2; }));
-
-    std::thread([timer] { timer->invalidate(); }).join();
-    int firedAtInvalidate = fired;
-    RunLoop::main().runFor(30ms);
-    EXPECT_EQ(fired, firedAtInvalidate);
-    EXPECT_TRUE(watch.expired());
-}
-
-TEST(Timer, OneShotTimerFiresOnceAndOutlivesItsHandle) {
+TEST(Timer, OneShotTimerFiresOnceAndOutlivesItsHandleAndAForeverOneNever) {
     int fired = 0;
+    bool foreverFired = false;
     std::weak_ptr<Timer> watch;
     {
         auto timer = Timer::scheduledTimer(1ms, false, [&](Timer&) { ++fired; });
         watch = timer;
     }
     EXPECT_FALSE(watch.expired()); // the run loop holds it until it fires
+    // An interval of "forever" must not wrap around into the past.
+    auto forever = Timer::scheduledTimer(std::chrono::steady_clock::duration::max(), false,
+                                         [&](Timer&) { foreverFired = true; });
+    InvalidateOnExit guard{forever};
     ASSERT_TRUE(runUntil([&] { return fired == 1; }));
     RunLoop::main().runFor(20ms);
     EXPECT_EQ(fired, 1);
     EXPECT_TRUE(watch.expired());
-}
-
-TEST(Timer, ForeverIntervalDoesNotWrapAroundIntoThePast) {
-    bool fired = false;
-    auto timer = Timer::scheduledTimer(std::chrono::steady_clock::duration::max(), false,
-                                       [&](Timer&) { fired = true; });
-    InvalidateOnExit guard{timer};
-    RunLoop::main().runFor(20ms);
-    EXPECT_FALSE(fired);
-    EXPECT_TRUE(timer->isValid());
+    EXPECT_FALSE(foreverFired);
+    EXPECT_TRUE(forever->isValid());
 }
 
 } // namespace
