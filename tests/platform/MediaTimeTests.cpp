@@ -136,13 +136,4 @@ TEST(MediaTime, SecondsAndConstruction) {
     EXPECT_EQ(compare(MediaTime::makeWithSeconds(1e30, 600), plusInfinity), 0);
 }
 
-TEST(MediaTime, Description) {
-    EXPECT_EQ(MediaTime::make(6006, 1000).description(), "{6006/1000 = 6.006}");
-    EXPECT_EQ(MediaTime::make(-1, 3).description(), "{-1/3 = -0.333}");
-    EXPECT_EQ(invalid.description(), "{INVALID}");
-    EXPECT_EQ(indefinite.description(), "{INDEFINITE}");
-    EXPECT_EQ(plusInfinity.description(), "{+INFINITY}");
-    EXPECT_EQ(minusInfinity.description(), "{-INFINITY}");
-}
-
 } // namespace
