@@ -247,13 +247,24 @@ std::string Url::path() const {
     return percentDecoded(rawPath());
 }
 
-std::string Url::lastPathComponent() const {
-    std::string path = this->path();
+namespace {
+
+std::string lastComponentOf(std::string path) {
     if (path.empty() || path == "/") return path;
     while (path.size() > 1 && path.back() == '/')
         path.pop_back();
     const auto slash = path.rfind('/');
     return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+} // namespace
+
+std::string Url::lastPathComponent() const {
+    return lastComponentOf(path());
+}
+
+std::string Url::encodedLastPathComponent() const {
+    return lastComponentOf(std::string(rawPath()));
 }
 
 Url Url::deletingLastPathComponent() const {

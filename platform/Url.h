@@ -32,6 +32,8 @@ public:
     std::optional<std::string> query() const { return component(query_); }
     std::optional<std::string> fragment() const { return component(fragment_); }
     std::string lastPathComponent() const; // "/" for the root, "" for an empty path
+    // The same as it is written in the URL, still percent-encoded.
+    std::string encodedLastPathComponent() const;
     bool isFileUrl() const { return scheme() == "file"; }
 
     // The URL of the directory that holds the last path component (query and fragment dropped).

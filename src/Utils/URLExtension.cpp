@@ -101,7 +101,8 @@ cookies(const platform::Url& url, const std::optional<std::map<std::string, std:
 
 SubUrlResolver::SubUrlResolver(platform::Url self)
     : self_(std::move(self))
-    , target_(self_.lastPathComponent())
+    // As written: the decoded name would not be found in the encoded text.
+    , target_(self_.encodedLastPathComponent())
     , text_(self_.absoluteString()) {
     if (const auto query = self_.query()) target_ += "?" + *query;
     // Replacing the one occurrence of the target, at the end, is replacing the last path segment

@@ -22,13 +22,13 @@ Parts partsOf(const platform::Url& url) {
 }
 
 // The rule for a relative URI, the long way: every occurrence of the playlist's last path
-// component (with its query) replaced in its text, and the result parsed.
+// component as written (with its query) replaced in its text, and the result parsed.
 std::optional<platform::Url> byTheRule(const platform::Url& playlist, std::string path) {
     while (!path.empty() && path.front() == '"')
         path.erase(0, 1);
     while (!path.empty() && path.back() == '"')
         path.pop_back();
-    std::string target = playlist.lastPathComponent();
+    std::string target = playlist.encodedLastPathComponent();
     if (playlist.query()) target += "?" + *playlist.query();
     std::string text = playlist.absoluteString();
     for (auto at = text.find(target); !target.empty() && at != std::string::npos;

@@ -190,6 +190,9 @@ TEST(SubUrl, ResolvesPlaylistUris) {
         // Every occurrence is replaced, a directory of the same name too.
         {"http://h/v.m3u8/v.m3u8", "w.ts", "http://h/w.ts/w.ts"},
         {"http://h/a/b.m3u8", "seg 1.ts", nullptr},
+        // The playlist's name is replaced as it is written, escapes and all.
+        {"http://h/a/my%20list.m3u8", "seg1.ts", "http://h/a/seg1.ts"},
+        {"http://h/a%20b/c%2Fd.m3u8?t=%41", "seg1.ts", "http://h/a%20b/seg1.ts"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.playlist) + " + " + c.path);
