@@ -7,6 +7,7 @@
 #include "ovalto/OVALog.h"
 #include "ovalto/Ovalto.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -138,25 +139,41 @@ struct Draft {
 
 // The fragments of one parse, built in place: a fragment kept elsewhere keeps its store alive,
 // and no fragment is moved once made. Storage comes in chunks sized from the playlist's length,
-// so a long playlist takes one or two allocations; slots never used are never touched.
+// so a long playlist takes one or two allocations; slots are raw memory until a fragment is made
+// in them, so an estimate that is too high costs address space, not pages.
 class FragmentStore {
 public:
     explicit FragmentStore(std::size_t expected)
-        : chunkSize_(std::max<std::size_t>(expected, 16)) {}
+        : chunkSize_(std::clamp<std::size_t>(expected, 16, 16384)) {}
+    FragmentStore(const FragmentStore&) = delete;
+    FragmentStore& operator=(const FragmentStore&) = delete;
+    ~FragmentStore() {
+        for (Chunk& chunk : chunks_) {
+            std::destroy_n(chunk.slots, chunk.used);
+            std::allocator<Fragment>().deallocate(chunk.slots, chunk.capacity);
+        }
+    }
 
     Fragment& emplace(const Draft& draft, std::optional<platform::Url> url) {
-        if (chunks_.empty() || used_ == chunkSize_) {
-            chunks_.push_back(std::make_unique_for_overwrite<std::optional<Fragment>[]>(chunkSize_));
-            used_ = 0;
+        if (chunks_.empty() || chunks_.back().used == chunks_.back().capacity) {
+            chunks_.reserve(chunks_.size() + 1); // so that the push below cannot throw
+            chunks_.push_back({std::allocator<Fragment>().allocate(chunkSize_), chunkSize_, 0});
         }
-        return chunks_.back()[used_++].emplace(draft.start, draft.duration, std::move(url), draft.offset,
-                                               draft.length);
+        Chunk& chunk = chunks_.back();
+        Fragment* fragment = std::construct_at(chunk.slots + chunk.used, draft.start, draft.duration,
+                                               std::move(url), draft.offset, draft.length);
+        ++chunk.used;
+        return *fragment;
     }
 
 private:
+    struct Chunk {
+        Fragment* slots;
+        std::size_t capacity;
+        std::size_t used;
+    };
     std::size_t chunkSize_;
-    std::vector<std::unique_ptr<std::optional<Fragment>[]>> chunks_;
-    std::size_t used_ = 0;
+    std::vector<Chunk> chunks_;
 };
 
 } // namespace
