@@ -33,12 +33,15 @@ bool isTokenChar(unsigned char c) {
            std::string_view("()<>@,;:\\\"/[]?={}").find(static_cast<char>(c)) == std::string_view::npos;
 }
 
-// Repeated "Set-Cookie" fields arrive joined with ", ", and "Expires" dates contain ", " too:
-// a comma starts a new cookie only when a "name=" follows it.
+// Repeated "Set-Cookie" fields arrive joined with ", ", and "Expires" dates contain ", " too
+// ("Expires=Wed, 21 Oct 2037 …"): a comma continues the cookie only inside an Expires value
+// and when no "name=" follows it; every other comma starts a new piece.
 std::vector<std::string_view> splitJoinedCookies(std::string_view joined) {
     std::vector<std::string_view> parts;
     std::size_t start = 0;
+    std::size_t attribute = 0; // where the current attribute begins
     for (std::size_t i = 0; i < joined.size(); ++i) {
+        if (joined[i] == ';') attribute = i + 1;
         if (joined[i] != ',') continue;
         std::size_t j = i + 1;
         while (j < joined.size() && joined[j] == ' ')
@@ -46,9 +49,20 @@ std::vector<std::string_view> splitJoinedCookies(std::string_view joined) {
         std::size_t k = j;
         while (k < joined.size() && isTokenChar(static_cast<unsigned char>(joined[k])))
             ++k;
-        if (k > j && k < joined.size() && joined[k] == '=') {
+        const bool nameFollows = k > j && k < joined.size() && joined[k] == '=';
+        std::string_view current = joined.substr(attribute, i - attribute);
+        while (!current.empty() && current.front() == ' ')
+            current.remove_prefix(1);
+        constexpr std::string_view expires = "expires=";
+        const bool inExpires =
+            current.size() >= expires.size() &&
+            std::equal(expires.begin(), expires.end(), current.begin(),
+                       [](char a, char b) { return a == std::tolower(static_cast<unsigned char>(b)); }) &&
+            current.find(',') == std::string_view::npos;
+        if (nameFollows || !inExpires) {
             parts.push_back(joined.substr(start, i - start));
             start = j;
+            attribute = j;
         }
     }
     parts.push_back(joined.substr(start));

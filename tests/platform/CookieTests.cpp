@@ -60,10 +60,13 @@ TEST(Cookie, SetCookieHeadersAreReadWithEveryAttributeAndForeignDomainsDropped) 
     EXPECT_LE(*cookies[2].expires, std::chrono::system_clock::now());
     EXPECT_GT(*cookies[3].expires, std::chrono::system_clock::now()); // Max-Age wins over Expires
     EXPECT_EQ(cookies[4].name, "c");
-    // Nameless ones are no cookies. (Joined with others, a piece without "=" would continue the
-    // previous cookie's last attribute, so each is read alone.)
-    for (const auto* nameless : {"novalue", "=x"})
+    // Nameless ones are no cookies, and do not spoil the cookie before them.
+    for (const auto* nameless : {"novalue", "=x"}) {
         EXPECT_TRUE(read({nameless}).empty()) << nameless;
+        const auto after = read({"c=3; Domain=cdn.example.com", nameless});
+        ASSERT_EQ(after.size(), 1u) << nameless;
+        EXPECT_EQ(after[0].domain, ".cdn.example.com");
+    }
     EXPECT_TRUE(read({}).empty());
 }
 
