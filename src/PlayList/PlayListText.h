@@ -94,7 +94,6 @@ inline TagLine splitTag(std::string_view line) {
 }
 
 // A decimal integer of type T: an optional sign and digits, nothing else, within T's range.
-// Up to nine plain digits (what playlists nearly always hold) are read inline.
 template <std::integral T> std::optional<T> parseIntegerInGeneral(std::string_view text) {
     if (!text.empty() && text.front() == '+') {
         text.remove_prefix(1);
@@ -106,8 +105,9 @@ template <std::integral T> std::optional<T> parseIntegerInGeneral(std::string_vi
     return value;
 }
 
-// The same into `value`, false when there is none: hot loops read numbers this way, since an
-// optional returned through memory stalls the load that follows it.
+// The same into `value`, false when there is none; up to nine plain digits (what playlists
+// nearly always hold) are read inline. Hot loops read numbers this way, since an optional
+// returned through memory stalls the load that follows it.
 template <std::integral T> inline bool parseInteger(std::string_view text, T& value) {
     if constexpr (sizeof(T) >= 4) {
         if (!text.empty() && text.size() <= 9) {
