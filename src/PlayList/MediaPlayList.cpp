@@ -266,20 +266,14 @@ bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url
                 secondAt = end;
             }
         }
-        std::int64_t number = 0;
-        if (parseInteger(value.substr(0, std::min(at, end)), number)) {
-            draft.length = number;
-        } else {
-            draft.length.reset();
-        }
-        if (at != npos) {
-            const std::size_t offsetEnd = secondAt == npos ? end : secondAt;
-            if (parseInteger(value.substr(at + 1, offsetEnd - at - 1), number)) {
-                draft.offset = number;
-            } else {
-                draft.offset.reset();
-            }
-        }
+        // A number that does not read leaves the field empty.
+        const auto read = [](std::string_view text, std::optional<std::int64_t>& field) {
+            std::int64_t number = 0;
+            field = parseInteger(text, number) ? std::optional(number) : std::nullopt;
+        };
+        read(value.substr(0, std::min(at, end)), draft.length);
+        if (at != npos)
+            read(value.substr(at + 1, (secondAt == npos ? end : secondAt) - at - 1), draft.offset);
     };
 
     forEachLine(playList, [&](std::string_view line) {
