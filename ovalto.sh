@@ -9,6 +9,7 @@ PACKAGES=(
     build-essential cmake ninja-build pkg-config
     libcurl4-openssl-dev libcpp-httplib-dev nlohmann-json3-dev libexpat1-dev
     liburiparser-dev libsqlite3-dev libgtest-dev libgmock-dev libbenchmark-dev
+    libssl-dev libpango1.0-dev libcairo2-dev fonts-dejavu-core fonts-vlgothic
 )
 FUZZ_PACKAGES=(clang libclang-rt-14-dev)
 COMPARE_PACKAGES=(python3 python3-m3u8)
