@@ -27,7 +27,7 @@ Commands:
   tool ARGS            build and run the `ovalto` command-line tool with ARGS
   bench [FILTER]       build the benchmarks (Release) and run them
   fuzz TARGET SECONDS  build the libFuzzer targets with clang and run TARGET for SECONDS
-                       (targets: fuzz_attributes fuzz_master fuzz_media)
+                       (targets: fuzz_attributes fuzz_master fuzz_media fuzz_rewritten_url)
   setup                install the Debian packages the build needs (apt-get)
   format               run clang-format over the sources
   help                 this text
@@ -126,7 +126,11 @@ fuzz)
     corpus="$ROOT/build/fuzz/corpus/$target"
     artifacts="$ROOT/build/fuzz/artifacts"
     mkdir -p "$corpus" "$artifacts"
-    exec "$BUILD_DIR/fuzz/$target" "$corpus" "$ROOT/tests/data/playlists" -dict="$ROOT/fuzz/hls.dict" \
+    seeds="$ROOT/tests/data/playlists"
+    # The URL target reads request lines: its seeds are the tests' URLs as well.
+    [ "$target" = fuzz_rewritten_url ] && seeds="$seeds $ROOT/tests/data/urls"
+    # shellcheck disable=SC2086 # two directories on purpose
+    exec "$BUILD_DIR/fuzz/$target" "$corpus" $seeds -dict="$ROOT/fuzz/hls.dict" \
         -artifact_prefix="$artifacts/$target-" -max_total_time="$seconds" -print_final_stats=1 "$@"
     ;;
 format)

@@ -3,6 +3,7 @@
 #include "PlayList/Ext.h"
 #include "PlayList/PlayListText.h"
 #include "PlayList/Representation.h"
+#include "PlayList/RewrittenUrl.h"
 #include "Utils/URLExtension.h"
 #include "ovalto/OVALog.h"
 #include "ovalto/Ovalto.h"
@@ -21,9 +22,6 @@ namespace {
 constexpr std::string_view fileName = "PlayList/MediaPlayList";
 constexpr std::string_view parseFunction = "parsePlayList(playList:baseUrl:container:)";
 constexpr std::string_view generateFunction = "generatePlayList(container:)";
-constexpr std::string_view segmentPrefix = "rdtp://local/";
-constexpr std::string_view segmentSuffix = ".ts";
-constexpr std::string_view initialSectionSuffix = "/-1.ts";
 constexpr std::int32_t timescale = 1000;
 constexpr std::string_view infPrefix = "#EXTINF:";
 constexpr std::string_view byteRangePrefix = "#EXT-X-BYTERANGE:";
@@ -359,15 +357,12 @@ std::optional<platform::Data> MediaPlayList::generatePlayList(Container& contain
     const auto fragments = representation->fragments.get();
     const auto keyAttributes = representation->keyAttributes.get();
 
-    // "rdtp://local/<stream>/<bitrate>", the start of every segment URI.
-    std::string prefix(segmentPrefix);
-    appendInteger(prefix, *streamIndex);
-    prefix += '/';
-    appendInteger(prefix, *bitrate);
-    const std::string segmentLineStart = "\n" + prefix + "/";
+    // The start of every segment URI, which then only needs its index.
+    const std::string directory = RewrittenUrl::segmentDirectory(*streamIndex, *bitrate);
+    const std::string segmentLineStart = "\n" + directory;
 
     std::string out;
-    out.reserve(256 + fragments.size() * (prefix.size() + 64));
+    out.reserve(256 + fragments.size() * (directory.size() + 64));
     out += rawValue(Ext::start);
     out += '\n';
     out += rawValue(Ext::xVersion);
@@ -387,7 +382,8 @@ std::optional<platform::Data> MediaPlayList::generatePlayList(Container& contain
             out += value;
         }
     });
-    const std::string initialSectionUri = "\"" + prefix + std::string(initialSectionSuffix) + "\"";
+    const std::string initialSectionUri =
+        "\"" + RewrittenUrl::segment(*streamIndex, *bitrate, RewrittenUrl::initialSection) + "\"";
     representation->mapAttributes.with([&](const AttributeList& attributes) {
         if (attributes.empty()) return;
         out += '\n';
@@ -441,8 +437,7 @@ std::optional<platform::Data> MediaPlayList::generatePlayList(Container& contain
             }
         }
         write(cursor, segmentLineStart);
-        writeInteger(cursor, index);
-        write(cursor, segmentSuffix);
+        cursor = RewrittenUrl::writeSegmentName(cursor, index);
         out.append(buffer, std::size_t(cursor - buffer));
     }
     if (!representation->isLive.get()) {
