@@ -34,8 +34,8 @@ public:
     using MediaType = ovalto::MediaType;
     using MimeType = ovalto::MimeType;
 
-    // Threshold of OVALog; lines below it are dropped.
-    static inline std::atomic<OVALogLevel> logLevel{OVALogLevel::debug};
+    // Threshold of OVALog; lines below it are dropped. The value lives with the log.
+    static inline std::atomic<OVALogLevel>& logLevel = OVALogThreshold;
     static inline std::string version = "1.0.0";
     // Result slot of the host application's own integrity check; the library never reads it.
     static inline std::atomic<bool> isJailBroken{false};
