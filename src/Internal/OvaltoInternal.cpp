@@ -187,11 +187,19 @@ void OvaltoInternal::prepareWork(const platform::Url& url, const std::string& sc
         loader->customHeaders.set(customHeaders);
         newAsset->resourceLoader()->setDelegate(loader, resourceQueue);
     }
-    newAsset->loadValuesAsynchronously({platform::Asset::playableKey}, [weak = weak_from_this(), newAsset] {
-        platform::DispatchQueue::main()->async([weak, newAsset] {
+    finishWhenLoaded(newAsset);
+}
+
+void OvaltoInternal::finishWhenLoaded(const std::shared_ptr<platform::Asset>& loading) {
+    loading->loadValuesAsynchronously({platform::Asset::playableKey}, [weak = weak_from_this(), loading] {
+        platform::DispatchQueue::main()->async([weak, loading] {
             auto self = weak.lock();
-            // A later preparation has replaced this asset: its own completion creates the item.
-            if (!self || self->asset.get() != newAsset) return;
+            if (!self) return;
+            // A later preparation replaced this asset. This one still ends in its one notification,
+            // with what the current asset gives once it has loaded; the later item is then the one
+            // observed, whichever preparation finishes first.
+            if (auto current = self->asset.get(); current && current != loading)
+                return self->finishWhenLoaded(current);
             self->prepareInternal({platform::Asset::playableKey});
         });
     });
