@@ -46,8 +46,9 @@ void RawOrigin::answer(const std::string& method, const std::string& path, Answe
 }
 
 std::string RawOrigin::http(int status, std::string_view body, std::string_view headers) {
-    return "HTTP/1.1 " + std::to_string(status) + " Scripted\r\nContent-Length: " + std::to_string(body.size()) +
-           "\r\n" + std::string(headers) + "\r\n" + std::string(body);
+    return "HTTP/1.1 " + std::to_string(status) +
+           " Scripted\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + std::string(headers) +
+           "\r\n" + std::string(body);
 }
 
 void RawOrigin::acceptLoop() {
@@ -89,7 +90,8 @@ void RawOrigin::serve(int connection) {
             answer.bytes.erase(answer.bytes.find("\r\n\r\n") + 4); // a HEAD answer has no body
     }
     for (std::size_t sent = 0; sent < answer.bytes.size();) {
-        const auto put = ::send(connection, answer.bytes.data() + sent, answer.bytes.size() - sent, MSG_NOSIGNAL);
+        const auto put =
+            ::send(connection, answer.bytes.data() + sent, answer.bytes.size() - sent, MSG_NOSIGNAL);
         if (put <= 0) break;
         sent += static_cast<std::size_t>(put);
     }

@@ -10,15 +10,17 @@ namespace ovalto::tool {
 
 PreparationOutcome::PreparationOutcome(const std::shared_ptr<Ovalto>& facade) {
     auto& center = platform::NotificationCenter::defaultCenter();
-    tokens_.push_back(center.addObserver(OvaltoPreparationNotification, facade, [this](const platform::Notification&) {
-        std::lock_guard lock(mutex_);
-        prepared_ = true;
-    }));
-    tokens_.push_back(center.addObserver(OvaltoErrorNotification, facade, [this](const platform::Notification& note) {
-        auto it = note.userInfo.find(OvaltoErrorUserInfoKey);
-        if (it == note.userInfo.end()) return;
-        if (const auto* error = std::any_cast<platform::Error>(&it->second)) onError(*error);
-    }));
+    tokens_.push_back(
+        center.addObserver(OvaltoPreparationNotification, facade, [this](const platform::Notification&) {
+            std::lock_guard lock(mutex_);
+            prepared_ = true;
+        }));
+    tokens_.push_back(
+        center.addObserver(OvaltoErrorNotification, facade, [this](const platform::Notification& note) {
+            auto it = note.userInfo.find(OvaltoErrorUserInfoKey);
+            if (it == note.userInfo.end()) return;
+            if (const auto* error = std::any_cast<platform::Error>(&it->second)) onError(*error);
+        }));
 }
 
 PreparationOutcome::~PreparationOutcome() {
