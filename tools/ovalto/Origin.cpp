@@ -57,7 +57,6 @@ struct Origin::Impl {
     httplib::Server server;
     std::thread thread;
     std::atomic<int> port{0};
-    std::chrono::steady_clock::time_point startedAt = std::chrono::steady_clock::now();
 
     bool bind(std::string* error) {
         // httplib writes the headers and the body of an answer apart. With Nagle's algorithm on,
@@ -88,7 +87,6 @@ struct Origin::Impl {
             return false;
         }
         port = bound;
-        startedAt = std::chrono::steady_clock::now();
         return true;
     }
 
@@ -101,7 +99,7 @@ struct Origin::Impl {
         if (!file) return httplib::Server::HandlerResponse::Unhandled;
         std::string vod((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
         auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
-            std::chrono::steady_clock::now() - startedAt);
+            std::chrono::system_clock::now() - options.liveEpoch);
         auto window = liveWindow(vod, elapsed, options.liveWindow);
         if (!window) return httplib::Server::HandlerResponse::Unhandled; // a master: served as it is
         response.set_header("Cache-Control", "no-cache");
