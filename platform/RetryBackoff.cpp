@@ -34,9 +34,9 @@ bool RetryBackoff::isTransient(const Error& error) {
     return true;
 }
 
-std::optional<RetryBackoff::Clock::duration> RetryBackoff::next(int failures, bool buffered,
-                                                              std::optional<Clock::time_point>& starvedSince,
-                                                              Clock::time_point now) {
+std::optional<RetryBackoff::Clock::duration>
+RetryBackoff::next(int failures, bool buffered, std::optional<Clock::time_point>& starvedSince,
+                   Clock::time_point now) {
     if (buffered) {
         starvedSince.reset();
     } else if (!starvedSince) {

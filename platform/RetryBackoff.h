@@ -28,8 +28,9 @@ public:
     // media is still buffered ahead of the clock: the wait before the next attempt, or none when
     // the download should be given up. `starvedSince` is the caller's record of when the buffer
     // ran empty during this run of failures.
-    std::optional<Clock::duration> next(int failures, bool buffered, std::optional<Clock::time_point>& starvedSince,
-                                         Clock::time_point now = Clock::now());
+    std::optional<Clock::duration> next(int failures, bool buffered,
+                                        std::optional<Clock::time_point>& starvedSince,
+                                        Clock::time_point now = Clock::now());
 
 private:
     const std::chrono::milliseconds first_;

@@ -99,16 +99,15 @@ int soak(const std::vector<std::string>& args) {
         return 1;
     }
     auto item = facade->playerItem();
-    auto failedToken = center.addObserver(platform::playerItemFailedToPlayToEndTimeNotification, item,
-                                          [&](const platform::Notification& note) {
-                                              auto it = note.userInfo.find(
-                                                  platform::playerItemFailedToPlayToEndTimeErrorKey);
-                                              std::lock_guard lock(failureMutex);
-                                              if (it != note.userInfo.end())
-                                                  if (auto* error = std::any_cast<platform::Error>(&it->second))
-                                                      failure = error->localizedDescription;
-                                              failed = true;
-                                          });
+    auto failedToken = center.addObserver(
+        platform::playerItemFailedToPlayToEndTimeNotification, item, [&](const platform::Notification& note) {
+            auto it = note.userInfo.find(platform::playerItemFailedToPlayToEndTimeErrorKey);
+            std::lock_guard lock(failureMutex);
+            if (it != note.userInfo.end())
+                if (auto* error = std::any_cast<platform::Error>(&it->second))
+                    failure = error->localizedDescription;
+            failed = true;
+        });
     std::atomic<std::int64_t> playlists{0}, segments{0};
     auto player = platform::Player::create();
     player->setRequestTrace([&](const platform::RequestTraceLine& line) {
@@ -127,8 +126,9 @@ int soak(const std::vector<std::string>& args) {
         std::cout << SoakMonitor::describe(figures) << std::endl;
     };
     sample();
-    auto timer = platform::Timer::scheduledTimer(
-        std::chrono::milliseconds(static_cast<long>(interval * 1000)), true, [&](platform::Timer&) { sample(); });
+    auto timer =
+        platform::Timer::scheduledTimer(std::chrono::milliseconds(static_cast<long>(interval * 1000)), true,
+                                        [&](platform::Timer&) { sample(); });
     loop.runUntil([&] { return failed.load() || interrupted.load() || elapsed() >= duration; },
                   std::chrono::steady_clock::time_point::max());
     timer->invalidate();
@@ -139,7 +139,8 @@ int soak(const std::vector<std::string>& args) {
 
     if (failed) {
         std::lock_guard lock(failureMutex);
-        std::cout << "FAIL: playback failed after " << static_cast<long>(elapsed()) << " s: " << failure << "\n";
+        std::cout << "FAIL: playback failed after " << static_cast<long>(elapsed()) << " s: " << failure
+                  << "\n";
         return 1;
     }
     if (auto growth = monitor.failure()) {
@@ -155,8 +156,9 @@ int soak(const std::vector<std::string>& args) {
     return 0;
 }
 
-CommandRegistrar registrar({"soak", "play a stream for a long time and check that memory, descriptors and "
-                                    "threads stay flat",
+CommandRegistrar registrar({"soak",
+                            "play a stream for a long time and check that memory, descriptors and "
+                            "threads stay flat",
                             soak});
 
 } // namespace

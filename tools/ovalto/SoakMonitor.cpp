@@ -31,10 +31,10 @@ SoakMonitor::Sample SoakMonitor::measure(double seconds, std::int64_t playlists,
 
 std::string SoakMonitor::describe(const Sample& sample) {
     char text[160];
-    std::snprintf(text, sizeof text, "%7.0f s  rss %7.2f MB  fds %3d  threads %3d  playlists %6lld  segments %6lld",
-                  sample.seconds, static_cast<double>(sample.rssBytes) / (1 << 20), sample.descriptors,
-                  sample.threads, static_cast<long long>(sample.playlists),
-                  static_cast<long long>(sample.segments));
+    std::snprintf(
+        text, sizeof text, "%7.0f s  rss %7.2f MB  fds %3d  threads %3d  playlists %6lld  segments %6lld",
+        sample.seconds, static_cast<double>(sample.rssBytes) / (1 << 20), sample.descriptors, sample.threads,
+        static_cast<long long>(sample.playlists), static_cast<long long>(sample.segments));
     return text;
 }
 
