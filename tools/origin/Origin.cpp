@@ -1,13 +1,20 @@
 #include "Origin.h"
 
 #include <httplib.h>
+#include <netinet/in.h>
+#include <strings.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <filesystem>
 #include <fstream>
+#include <map>
+#include <mutex>
 #include <sstream>
 #include <thread>
-#include <vector>
 
 namespace ovalto::tool {
 
@@ -50,36 +57,89 @@ constexpr MimeEntry mimeTypes[] = {
     {"key", "application/octet-stream"},
 };
 
+// The body bytes an answer to `range` carries ("bytes=a-b" or "bytes=a-").
+std::size_t rangeLength(const std::string& range, std::size_t size) {
+    unsigned long long first = 0;
+    unsigned long long last = 0;
+    const int fields = std::sscanf(range.c_str(), "bytes=%llu-%llu", &first, &last);
+    if (fields < 1 || first >= size) return 0;
+    if (fields < 2 || last >= size) last = size - 1;
+    return last >= first ? static_cast<std::size_t>(last - first + 1) : 0;
+}
+
+int portOf(const sockaddr_storage& address) {
+    if (address.ss_family == AF_INET) return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
+    if (address.ss_family == AF_INET6) return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
+    return -1;
+}
+
+// cpp-httplib cannot abandon a request without answering it, so the connection's socket is found
+// by its two ports and shut down; the reply httplib then writes goes nowhere.
+void dropConnection(const httplib::Request& request) {
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
+        const int fd = std::atoi(entry.path().filename().c_str());
+        sockaddr_storage local{}, peer{};
+        socklen_t localLength = sizeof(local), peerLength = sizeof(peer);
+        if (::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localLength) != 0 ||
+            ::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerLength) != 0)
+            continue;
+        if (portOf(local) == request.local_port && portOf(peer) == request.remote_port) {
+            ::shutdown(fd, SHUT_RDWR);
+            return;
+        }
+    }
+}
+
 } // namespace
 
+std::vector<std::string> Origin::Exchange::values(std::string_view name) const {
+    std::vector<std::string> found;
+    for (const auto& [field, value] : headers) {
+        if (field.size() == name.size() && ::strncasecmp(field.data(), name.data(), name.size()) == 0)
+            found.push_back(value);
+    }
+    return found;
+}
+
 struct Origin::Impl {
+    struct Route {
+        std::optional<std::string> body; // none: only scripted replies
+        std::function<std::string()> make;
+        std::string contentType;
+        std::vector<Reply> replies;
+        std::size_t answered = 0; // requests that took a scripted reply
+        std::chrono::milliseconds throttle{0};
+    };
+
     Options options;
     httplib::Server server;
     std::thread thread;
     std::atomic<int> port{0};
+
+    mutable std::mutex mutex;
+    std::condition_variable stopping;
+    bool stopped = false;
+    bool down = false;
+    std::map<std::string, Route, std::less<>> routes;
+    std::map<std::string, std::function<std::optional<std::string>(const std::string&)>, std::less<>> below;
+    std::vector<Exchange> log;
 
     bool bind(std::string* error) {
         // httplib writes the headers and the body of an answer apart. With Nagle's algorithm on,
         // the body of every answer after the first on a kept-alive connection waits for the
         // client's delayed acknowledgement of the headers, some 40 ms.
         server.set_tcp_nodelay(true);
-        for (const auto& entry : mimeTypes)
-            server.set_file_extension_and_mimetype_mapping(entry.extension, entry.type);
-        if (!server.set_mount_point("/", options.directory)) {
+        // Idle keep-alive connections hold stop() for this long.
+        server.set_keep_alive_timeout(1);
+        if (!options.directory.empty() && !std::filesystem::is_directory(options.directory)) {
             if (error) *error = "cannot serve " + options.directory + ": not a readable directory";
             return false;
         }
-        if (options.live) {
-            server.set_pre_routing_handler(
-                [this](const httplib::Request& request, httplib::Response& response) {
-                    return serveLivePlaylist(request, response);
-                });
-        }
-        if (options.onRequest) {
-            server.set_logger([this](const httplib::Request& request, const httplib::Response& response) {
-                options.onRequest(request.method, request.path, response.status, response.body.size());
-            });
-        }
+        server.set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
+            handle(request, response);
+            return httplib::Server::HandlerResponse::Handled;
+        });
         int bound = options.port == 0 ? server.bind_to_any_port(options.host)
                                       : (server.bind_to_port(options.host, options.port) ? options.port : -1);
         if (bound <= 0) {
@@ -90,22 +150,123 @@ struct Origin::Impl {
         return true;
     }
 
-    httplib::Server::HandlerResponse serveLivePlaylist(const httplib::Request& request,
-                                                       httplib::Response& response) {
-        if (request.method != "GET" || !endsWith(request.path, ".m3u8") ||
-            request.path.find("..") != std::string::npos)
-            return httplib::Server::HandlerResponse::Unhandled;
-        std::ifstream file(options.directory + request.path, std::ios::binary);
-        if (!file) return httplib::Server::HandlerResponse::Unhandled;
-        std::string vod((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-        auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
+    // What the directory holds at `path`, live-windowed in live mode.
+    std::optional<std::string> fromDirectory(const std::string& path) const {
+        if (options.directory.empty() || path.find("..") != std::string::npos) return std::nullopt;
+        std::ifstream file(options.directory + path, std::ios::binary);
+        if (!file || std::filesystem::is_directory(options.directory + path)) return std::nullopt;
+        std::string body((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        if (!options.live || !endsWith(path, ".m3u8")) return body;
+        const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
             std::chrono::system_clock::now() - options.liveEpoch);
-        auto window = liveWindow(vod, elapsed, options.liveWindow);
-        if (!window) return httplib::Server::HandlerResponse::Unhandled; // a master: served as it is
-        response.set_header("Cache-Control", "no-cache");
-        response.set_content(*window, contentType(request.path).c_str());
-        return httplib::Server::HandlerResponse::Handled;
+        return liveWindow(body, elapsed, options.liveWindow).value_or(body); // a master as it is
     }
+
+    // Under the lock: the body of `path` and its type, if it has one.
+    std::optional<std::pair<std::string, std::string>> find(const std::string& path) const {
+        if (auto found = routes.find(path); found != routes.end()) {
+            const Route& route = found->second;
+            std::string type = route.contentType.empty() ? contentType(path) : route.contentType;
+            if (route.make) return std::pair{route.make(), type};
+            if (route.body) return std::pair{*route.body, type};
+            return std::nullopt;
+        }
+        for (const auto& [prefix, make] : below) {
+            if (!startsWith(path, prefix)) continue;
+            if (auto body = make(path.substr(prefix.size())))
+                return std::pair{std::move(*body), contentType(path)};
+        }
+        if (auto body = fromDirectory(path)) return std::pair{std::move(*body), contentType(path)};
+        return std::nullopt;
+    }
+
+    void handle(const httplib::Request& request, httplib::Response& response) {
+        Exchange exchange{request.path,
+                          {},
+                          {request.headers.begin(), request.headers.end()},
+                          {},
+                          {},
+                          404,
+                          0,
+                          std::chrono::steady_clock::now()};
+        if (auto question = request.target.find('?'); question != std::string::npos)
+            exchange.query = request.target.substr(question + 1);
+        if (request.has_header("Range")) exchange.range = request.get_header_value("Range");
+        if (request.has_header("Cookie")) exchange.cookie = request.get_header_value("Cookie");
+
+        Reply reply;
+        std::optional<std::pair<std::string, std::string>> content;
+        std::chrono::milliseconds throttle{0};
+        {
+            std::unique_lock lock(mutex);
+            if (down) reply.fault = Fault::drop;
+            auto route = routes.find(request.path);
+            if (!down && route != routes.end() && !route->second.replies.empty()) {
+                auto& replies = route->second.replies;
+                reply = replies[std::min(route->second.answered++, replies.size() - 1)];
+            }
+            if (route != routes.end()) throttle = route->second.throttle;
+            if (reply.fault != Fault::drop && request.method != "POST") content = find(request.path);
+            if (!content && reply.status >= 200 && reply.status < 300) reply.status = 404;
+            exchange.status = reply.fault == Fault::drop ? 0 : reply.status;
+            if (reply.status >= 200 && reply.status < 300 && content) {
+                exchange.bytes = content->first.size();
+                if (exchange.range) {
+                    exchange.status = 206;
+                    exchange.bytes = rangeLength(*exchange.range, content->first.size());
+                }
+                if (reply.fault == Fault::truncate) exchange.bytes /= 2;
+            }
+            log.push_back(exchange);
+            if (reply.delay.count() > 0) stopping.wait_for(lock, reply.delay, [this] { return stopped; });
+        }
+        if (options.onRequest)
+            options.onRequest(request.method, request.path, exchange.status, exchange.bytes);
+        if (options.closeConnections) response.set_header("Connection", "close");
+
+        if (reply.fault == Fault::drop) {
+            dropConnection(request);
+            response.status = 500;
+            return;
+        }
+        response.status = reply.status;
+        if (!content || reply.status < 200 || reply.status > 299) return;
+        if (live(request.path)) response.set_header("Cache-Control", "no-cache");
+        auto [body, type] = std::move(*content);
+        if (reply.fault == Fault::truncate) {
+            response.set_content_provider(body.size(), type,
+                                          [body](std::size_t, std::size_t, httplib::DataSink& sink) {
+                                              sink.write(body.data(), body.size() / 2);
+                                              return false;
+                                          });
+            return;
+        }
+        if (throttle.count() == 0) {
+            response.set_content(body, type.c_str());
+            return;
+        }
+        // Sent in pieces spread over the throttle time; cpp-httplib applies the range to the offsets.
+        const auto size = body.size();
+        response.set_content_provider(
+            size, type,
+            [this, body = std::move(body), throttle](std::size_t offset, std::size_t length,
+                                                     httplib::DataSink& sink) {
+                constexpr int pieces = 10;
+                const std::size_t piece = std::max<std::size_t>(1, (length + pieces - 1) / pieces);
+                for (std::size_t sent = 0; sent < length; sent += piece) {
+                    {
+                        std::unique_lock lock(mutex);
+                        if (stopping.wait_for(lock, throttle / pieces, [this] { return stopped; }))
+                            return false;
+                    }
+                    if (!sink.write(body.data() + offset + sent, std::min(piece, length - sent)))
+                        return false;
+                }
+                return true;
+            });
+    }
+
+    bool live(const std::string& path) const { return options.live && endsWith(path, ".m3u8"); }
 };
 
 Origin::Origin(Options options)
@@ -130,6 +291,11 @@ bool Origin::listen(std::string* error) {
 }
 
 void Origin::stop() {
+    {
+        std::lock_guard lock(impl_->mutex);
+        impl_->stopped = true;
+    }
+    impl_->stopping.notify_all();
     impl_->server.stop();
     if (impl_->thread.joinable()) impl_->thread.join();
 }
@@ -140,6 +306,79 @@ int Origin::port() const {
 
 std::string Origin::baseUrl() const {
     return "http://" + impl_->options.host + ":" + std::to_string(port()) + "/";
+}
+
+std::string Origin::url(std::string_view path) const {
+    return "http://" + impl_->options.host + ":" + std::to_string(port()) + std::string(path);
+}
+
+void Origin::serve(const std::string& path, std::string body, std::string contentType) {
+    std::lock_guard lock(impl_->mutex);
+    auto& route = impl_->routes[path];
+    route.body = std::move(body);
+    route.make = nullptr;
+    route.contentType = std::move(contentType);
+}
+
+void Origin::serveBelow(const std::string& prefix,
+                        std::function<std::optional<std::string>(const std::string& rest)> make) {
+    std::lock_guard lock(impl_->mutex);
+    impl_->below[prefix] = std::move(make);
+}
+
+void Origin::serveMade(const std::string& path, std::function<std::string()> make) {
+    std::lock_guard lock(impl_->mutex);
+    impl_->routes[path].make = std::move(make);
+}
+
+void Origin::remove(const std::string& path) {
+    std::lock_guard lock(impl_->mutex);
+    auto& route = impl_->routes[path];
+    route.body.reset();
+    route.make = nullptr;
+}
+
+std::optional<std::string> Origin::body(const std::string& path) const {
+    std::lock_guard lock(impl_->mutex);
+    auto found = impl_->find(path);
+    if (!found) return std::nullopt;
+    return std::move(found->first);
+}
+
+void Origin::script(const std::string& path, std::vector<Reply> replies) {
+    std::lock_guard lock(impl_->mutex);
+    auto& route = impl_->routes[path];
+    route.replies = std::move(replies);
+    route.answered = 0;
+}
+
+void Origin::throttle(const std::string& path, std::chrono::milliseconds duration) {
+    std::lock_guard lock(impl_->mutex);
+    impl_->routes[path].throttle = duration;
+}
+
+void Origin::setDown(bool down) {
+    std::lock_guard lock(impl_->mutex);
+    impl_->down = down;
+}
+
+std::vector<Origin::Exchange> Origin::requests() const {
+    std::lock_guard lock(impl_->mutex);
+    return impl_->log;
+}
+
+std::vector<Origin::Exchange> Origin::requests(const std::string& path) const {
+    std::lock_guard lock(impl_->mutex);
+    std::vector<Exchange> found;
+    for (const auto& exchange : impl_->log)
+        if (exchange.path == path) found.push_back(exchange);
+    return found;
+}
+
+int Origin::requestCount(const std::string& path) const {
+    std::lock_guard lock(impl_->mutex);
+    return static_cast<int>(std::count_if(impl_->log.begin(), impl_->log.end(),
+                                          [&](const Exchange& exchange) { return exchange.path == path; }));
 }
 
 std::string Origin::contentType(const std::string& path) {
