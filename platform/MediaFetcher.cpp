@@ -95,8 +95,7 @@ void MediaFetcher::setTrace(Trace trace) {
 }
 
 bool MediaFetcher::isCustomScheme(const Url& url) {
-    const auto scheme = url.scheme();
-    return !scheme || (*scheme != "http" && *scheme != "https" && *scheme != "file");
+    return !url.hasScheme("http") && !url.hasScheme("https") && !url.hasScheme("file");
 }
 
 std::shared_ptr<FetchTask> MediaFetcher::fetch(FetchRequest request, Completion completion) {

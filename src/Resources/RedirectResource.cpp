@@ -52,8 +52,33 @@ void redirect(platform::LoadingRequest& loadingRequest, const platform::Url& tar
     loadingRequest.setResponse(std::move(response));
 }
 
+// `target` as a reference relative to the directory `base` when both are on the same server but
+// the target lies outside that directory: "../" for each directory of `base` it does not share.
+// No value for a target on another server.
+std::optional<std::string> climbingReference(std::string_view target, std::string_view base) {
+    const auto authority = base.find("://");
+    if (authority == std::string_view::npos) return std::nullopt;
+    const auto root = base.find('/', authority + 3); // the first "/" of the path
+    if (root == std::string_view::npos || target.substr(0, root + 1) != base.substr(0, root + 1))
+        return std::nullopt;
+    std::size_t shared = root + 1; // where the first directory not in common begins
+    for (auto slash = base.find('/', shared); slash != std::string_view::npos;
+         slash = base.find('/', shared)) {
+        if (target.substr(shared, slash + 1 - shared) != base.substr(shared, slash + 1 - shared)) break;
+        shared = slash + 1;
+    }
+    std::string reference;
+    for (auto at = base.find('/', shared); at != std::string_view::npos; at = base.find('/', at + 1))
+        reference += "../";
+    reference += target.substr(shared);
+    return reference;
+}
+
 // The target moved onto the edge server with the smallest priority (the earliest among equals):
-// its path below the master playlist's directory is appended to the edge URL.
+// its path below the master playlist's directory is appended to the edge URL. A target that
+// climbs out of that directory ("../", or elsewhere on the same server) is resolved against the
+// edge's directory instead, so that it lands where the edge mirrors it rather than in a path
+// that names the origin.
 std::optional<platform::Url> onEdge(const platform::Url& target, const Presentation& presentation) {
     const auto edgeList = presentation.edgeList.get();
     const auto master = presentation.url.get();
@@ -63,7 +88,18 @@ std::optional<platform::Url> onEdge(const platform::Url& target, const Presentat
     const auto edgeUrl = platform::Url::parse(edge->url);
     if (!edgeUrl) return std::nullopt;
     const std::string base = master->deletingLastPathComponent().absoluteString();
-    return edgeUrl->appendingPathComponent(removingAll(target.absoluteString(), base));
+    const std::string& text = target.absoluteString();
+    std::optional<std::string> relative = removingAll(text, base);
+    if (*relative == text) relative = climbingReference(text, base);
+    if (!relative) return edgeUrl->appendingPathComponent(text);
+    if (relative->starts_with("../") && edgeUrl->scheme() && !edgeUrl->query() && !edgeUrl->fragment()) {
+        std::string directory = edgeUrl->absoluteString();
+        if (!directory.ends_with('/')) directory += '/';
+        if (auto directoryUrl = platform::Url::parse(directory)) {
+            if (auto resolved = platform::Url::parse(*relative, *directoryUrl)) return resolved;
+        }
+    }
+    return edgeUrl->appendingPathComponent(*relative);
 }
 
 // Sets `value` under `name`, replacing a field of that name (compared without case) in place.

@@ -57,7 +57,9 @@ INSTANTIATE_TEST_SUITE_P(
                       SchemeRow{"ckey://k1", "Key request is not valid", 0x8300},
                       SchemeRow{"skd://k1", "Fairplay request is not valid", 0x8300},
                       SchemeRow{"https://127.0.0.1/master.m3u8", "Loading request is not valid.", 0x8301},
-                      SchemeRow{"cplpx://local/master.m3u8", "Loading request is not valid.", 0x8301}));
+                      SchemeRow{"cplpx://local/master.m3u8", "Loading request is not valid.", 0x8301},
+                      SchemeRow{"CPLP://local/master.m3u8", "Loading request is not valid.", 0x8301},
+                      SchemeRow{"Rdtp://local/0/1500000/7.ts", "Loading request is not valid.", 0x8301}));
 
 TEST_F(ResourceLoaderTest, RequestWithoutASchemeIsRefusedAndLeftToThePlatform) {
     PlayerRequest request("local/master.m3u8");
