@@ -2,6 +2,7 @@
 #include "Command.h"
 #include "Origin.h"
 #include "PreparationOutcome.h"
+#include "RetryReporter.h"
 #include "Timeline.h"
 #include "ovalto/Notifications.h"
 #include "ovalto/Ovalto.h"
@@ -305,6 +306,7 @@ private:
         };
 
         auto player = platform::Player::create();
+        retries_ = std::make_unique<RetryReporter>(timeline_, item_);
         if (options_.trace) {
             player->setRequestTrace([this](const platform::RequestTraceLine& line) {
                 timeline_.event("player request", line.text(),
@@ -360,6 +362,7 @@ private:
 
         summary(player->currentTime().seconds());
         player.reset();
+        retries_.reset();
         facade_.reset(); // concludes the session
         std::lock_guard lock(failureMutex);
         return failure ? 1 : 0;
@@ -390,7 +393,8 @@ private:
                                  {"averageBitrate", averageBitrate},
                                  {"throughput", throughput},
                                  {"manifestRequests", figures.manifestRequests},
-                                 {"fragmentRequests", figures.fragmentRequests}};
+                                 {"fragmentRequests", figures.fragmentRequests},
+                                 {"retries", retries_ ? retries_->retries() : 0}};
         if (timeline_.json()) {
             timeline_.event("summary", "", fields);
             return;
@@ -407,6 +411,7 @@ private:
              << " redirected by the library)\n"
              << "  playlists            " << figures.manifestRequests << " downloaded by the library\n"
              << "  bytes                " << bytes << "\n"
+             << "  retries              " << (retries_ ? retries_->retries() : 0) << "\n"
              << "  average bitrate      " << static_cast<long>(averageBitrate / 1000) << " kbit/s\n"
              << "  download throughput  " << static_cast<long>(throughput / 1000) << " kbit/s\n";
         if (isatty(STDOUT_FILENO)) timeline_.progress("");
@@ -418,6 +423,7 @@ private:
     std::shared_ptr<TimelineListener> listener_;
     std::shared_ptr<Ovalto> facade_;
     std::shared_ptr<platform::PlayerItem> item_;
+    std::unique_ptr<RetryReporter> retries_;
 };
 
 int play(const std::vector<std::string>& args) {
