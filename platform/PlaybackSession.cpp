@@ -772,8 +772,9 @@ std::optional<RetryBackoff::Clock::duration> PlaybackSession::retryOrFail(Track&
                                                                           const FetchResult& result) {
     std::optional<RetryBackoff::Clock::duration> wait;
     if (RetryBackoff::isTransient(*result.error)) {
-        // A paused player keeps its buffer, so it keeps trying; a starved one gives up in time.
-        const bool buffered = track.positioned && track.bufferedEnd - now() > epsilon;
+        // A player that waits for media is starved whatever it holds; a paused one keeps its
+        // buffer, so it keeps trying.
+        const bool buffered = ready_ && !waiting_ && track.positioned && track.bufferedEnd - now() > epsilon;
         wait = backoff_.next(++failures.count, buffered, failures.starvedSince);
     }
     logError(result, wait);
