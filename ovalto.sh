@@ -27,7 +27,7 @@ Commands:
   tool ARGS            build and run the `ovalto` command-line tool with ARGS
   bench [FILTER]       build the benchmarks (Release) and run them
   fuzz TARGET SECONDS  build the libFuzzer targets with clang and run TARGET for SECONDS
-                       (targets: fuzz_attributes fuzz_master fuzz_media)
+                       (targets: fuzz_attributes fuzz_master fuzz_media fuzz_subrip fuzz_ttml)
   setup                install the Debian packages the build needs (apt-get)
   format               run clang-format over the sources
   help                 this text
@@ -123,10 +123,13 @@ fuzz)
     # New inputs go to the working corpus; the playlist fixtures of the tests are the seeds (every
     # target reads playlists: the attribute target takes each line as a tag line). Findings land
     # in build/fuzz/artifacts. Further arguments go to libFuzzer.
+    # The subtitle targets are seeded with the side-car documents instead.
+    seeds="$ROOT/tests/data/playlists" dict="$ROOT/fuzz/hls.dict"
+    case $target in fuzz_subrip | fuzz_ttml) seeds="$ROOT/tests/data/timedtext" dict="$ROOT/fuzz/timedtext.dict" ;; esac
     corpus="$ROOT/build/fuzz/corpus/$target"
     artifacts="$ROOT/build/fuzz/artifacts"
     mkdir -p "$corpus" "$artifacts"
-    exec "$BUILD_DIR/fuzz/$target" "$corpus" "$ROOT/tests/data/playlists" -dict="$ROOT/fuzz/hls.dict" \
+    exec "$BUILD_DIR/fuzz/$target" "$corpus" "$seeds" -dict="$dict" \
         -artifact_prefix="$artifacts/$target-" -max_total_time="$seconds" -print_final_stats=1 "$@"
     ;;
 format)

@@ -24,8 +24,11 @@ public:
     // Text collected for one element, with the key it is stored under.
     class Cuepoint {
     public:
+        // Spelled out: optional<Cuepoint> inside this class needs it before the class is complete.
+        Cuepoint()
+            : time(0) {}
         std::string string;
-        std::int64_t time = 0;
+        std::int64_t time;
         // Appends `<name a="v" …>` or `</name>`; values are written as the parser delivered them.
         void append(std::string_view elementName, const Attributes& attributes, bool isEnd);
     };
