@@ -1,6 +1,7 @@
 #include "API/OvaltoAccess.h"
 #include "Command.h"
 #include "Origin.h"
+#include "PlaySubtitles.h"
 #include "PreparationOutcome.h"
 #include "RetryReporter.h"
 #include "Timeline.h"
@@ -44,6 +45,10 @@ Without URL it serves the built-in sample on a loopback port and plays that.
   --trace                     also print every request the player makes
   --json                      one JSON object per event on standard output
   --timeout S                 give up when preparation takes longer than S seconds (default 60)
+  --subtitles FILE|URL        a side-car subtitle document; each delivered text and cue is printed
+                              (sample:srt, sample:vtt, sample:ttml: the built-in sample's)
+  --mime MIME                 its MIME type (application/x-subrip, text/vtt, application/nttml+xml
+                              …; implied for the sample's)
 
 The timeline goes to standard output, library logs to standard error. Exit status: 0 when the
 stream played, 1 when preparation or playback failed, 2 for bad usage.
@@ -61,6 +66,7 @@ struct PlayOptions {
     bool trace = false;
     bool json = false;
     double timeout = 60;
+    std::shared_ptr<PlaySubtitles> subtitles = std::make_shared<PlaySubtitles>();
 };
 
 std::atomic<bool> interrupted{false};
@@ -134,6 +140,8 @@ std::optional<int> parseOptions(const std::vector<std::string>& args, PlayOption
             if (arg == "--rate") options.rate = *number;
             if (arg == "--duration") options.duration = *number;
             if (arg == "--timeout") options.timeout = *number;
+        } else if (PlaySubtitles::takes(arg)) {
+            if (auto error = options.subtitles->set(arg, value)) return fail(*error);
         } else if (arg == "--log-level") {
             static const std::pair<const char*, OVALogLevel> levels[] = {{"debug", OVALogLevel::debug},
                                                                          {"info", OVALogLevel::info},
@@ -152,6 +160,7 @@ std::optional<int> parseOptions(const std::vector<std::string>& args, PlayOption
             return fail("unknown option " + arg);
         }
     }
+    if (auto error = options.subtitles->validate()) return fail(*error);
     return std::nullopt;
 }
 
@@ -241,6 +250,7 @@ private:
         timeline_.event("prepared", "player item ready for " + url.absoluteString());
         printMaster();
         printTracks();
+        options_.subtitles->attach(*facade_, timeline_);
         return true;
     }
 
@@ -395,6 +405,7 @@ private:
                                  {"manifestRequests", figures.manifestRequests},
                                  {"fragmentRequests", figures.fragmentRequests},
                                  {"retries", retries_ ? retries_->retries() : 0}};
+        options_.subtitles->addFields(fields);
         if (timeline_.json()) {
             timeline_.event("summary", "", fields);
             return;
@@ -413,7 +424,8 @@ private:
              << "  bytes                " << bytes << "\n"
              << "  retries              " << (retries_ ? retries_->retries() : 0) << "\n"
              << "  average bitrate      " << static_cast<long>(averageBitrate / 1000) << " kbit/s\n"
-             << "  download throughput  " << static_cast<long>(throughput / 1000) << " kbit/s\n";
+             << "  download throughput  " << static_cast<long>(throughput / 1000) << " kbit/s\n"
+             << options_.subtitles->summaryLine();
         if (isatty(STDOUT_FILENO)) timeline_.progress("");
         std::cout << text.str() << std::flush;
     }
