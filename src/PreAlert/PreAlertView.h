@@ -36,6 +36,9 @@ public:
     void show(const nivora::QOEHighlyCriticalInfo& alertInfo, const nivora::QOEViewInfo& viewInfo);
     void setHideScheduler(HideScheduler scheduler);
 
+    using TextView::attributedText;
+    using TextView::textAlignment;
+
     // "TOP_LEFT", "TOP_RIGHT", "UNDER_LEFT", "UNDER_RIGHT"; anything else centres.
     static platform::TextAlignment textAlignment(std::string_view position);
     static VerticalAlignment verticalAlignment(std::string_view position);
