@@ -1,6 +1,7 @@
 #include "API/OvaltoAccess.h"
 #include "Command.h"
 #include "Origin.h"
+#include "QoeSession.h"
 #include "Timeline.h"
 #include "ovalto/Notifications.h"
 #include "ovalto/Ovalto.h"
@@ -42,6 +43,7 @@ Without URL it serves the built-in sample on a loopback port and plays that.
   --trace                     also print every request the player makes
   --json                      one JSON object per event on standard output
   --timeout S                 give up when preparation takes longer than S seconds (default 60)
+%s
 
 The timeline goes to standard output, library logs to standard error. Exit status: 0 when the
 stream played, 1 when preparation or playback failed, 2 for bad usage.
@@ -59,6 +61,7 @@ struct PlayOptions {
     bool trace = false;
     bool json = false;
     double timeout = 60;
+    QoeSession qoe;
 };
 
 std::atomic<bool> interrupted{false};
@@ -92,7 +95,7 @@ std::optional<int> parseOptions(const std::vector<std::string>& args, PlayOption
     for (std::size_t i = 0; i < args.size(); ++i) {
         const auto& arg = args[i];
         if (arg == "--help" || arg == "-h") {
-            std::cout << playUsage;
+            std::printf(playUsage, QoeSession::usage);
             return 0;
         }
         if (arg == "--json") {
@@ -146,6 +149,8 @@ std::optional<int> parseOptions(const std::vector<std::string>& args, PlayOption
                 }
             }
             if (!known) return fail("--log-level takes debug, info, warning, error or silent");
+        } else if (std::string error; options.qoe.take(arg, value, error)) {
+            if (!error.empty()) return fail(error);
         } else {
             return fail("unknown option " + arg);
         }
@@ -203,7 +208,7 @@ public:
 private:
     bool prepare(const platform::Url& url) {
         listener_ = std::make_shared<TimelineListener>(timeline_);
-        facade_ = Ovalto::create(listener_);
+        facade_ = Ovalto::create(options_.qoe.listener(listener_, timeline_));
         if (!options_.headers.empty())
             facade_->configurations[ConfigurationKey::httpHeaders] = options_.headers;
 
@@ -384,6 +389,7 @@ private:
         summary(player->currentTime().seconds());
         player.reset();
         facade_.reset(); // concludes the session
+        options_.qoe.finish();
         std::lock_guard lock(failureMutex);
         return failure ? 1 : 0;
     }
