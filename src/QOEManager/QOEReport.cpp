@@ -68,7 +68,11 @@ void QOEReport::addFragment(Track track) {
 }
 
 std::optional<std::string> QOEReport::toJSON() const {
-    return ovalto::toJSON(*this);
+    // Fragments make up nearly all of a long report, at some 160 bytes each.
+    std::size_t fragments = 0;
+    for (const auto& track : tracks)
+        fragments += track.fragments.size();
+    return ovalto::toJSON(*this, 1024 + fragments * 192);
 }
 
 } // namespace ovalto::qoe

@@ -90,9 +90,11 @@ template <class V> void write(JSONWriter& writer, const V& value) {
 
 } // namespace json_detail
 
-// The record as compact JSON text; no value when a string in it is not UTF-8.
-template <JSONSerializable Record> std::optional<std::string> toJSON(const Record& record) {
-    JSONWriter writer;
+// The record as compact JSON text; no value when a string in it is not UTF-8. `capacity` is the
+// expected size of the text.
+template <JSONSerializable Record>
+std::optional<std::string> toJSON(const Record& record, std::size_t capacity = 0) {
+    JSONWriter writer(capacity);
     json_detail::writeRecord(writer, record);
     if (!writer.valid()) return std::nullopt;
     return writer.take();

@@ -12,6 +12,10 @@ namespace ovalto {
 // the whole document invalid (valid() turns false) instead of producing text a reader rejects.
 class JSONWriter {
 public:
+    // `capacity`: the expected size of the text; growing a large string by doubling costs more
+    // than writing it.
+    explicit JSONWriter(std::size_t capacity = 0) { out_.reserve(capacity); }
+
     void beginObject();
     void endObject();
     void beginArray();
