@@ -145,6 +145,10 @@ void QoeSession::watchOverlay(Timeline& out) {
         });
 }
 
+QoeSession::~QoeSession() {
+    if (watcher_) watcher_->invalidate();
+}
+
 void QoeSession::finish() {
     if (watcher_) watcher_->invalidate();
     if (nivora_ && collectorUrl_) nivora_->qoePlugin()->waitForPosts(std::chrono::seconds(10));

@@ -29,6 +29,12 @@ class QoeSession {
 public:
     static const char* usage;
 
+    QoeSession() = default;
+    QoeSession(QoeSession&&) = default;
+    QoeSession& operator=(QoeSession&&) = default;
+    // Stops looking at the overlay, which refers to the timeline.
+    ~QoeSession();
+
     // Takes `arg` and its `value` when they are one of the QoE options; `error` says what is
     // wrong with a value.
     bool take(const std::string& arg, const std::string& value, std::string& error);
