@@ -4,6 +4,8 @@
 
 namespace ovalto::platform {
 
+class KeyValueStore;
+
 // What the process can tell about the machine it runs on.
 struct Device {
     std::string machine;       // the hardware name from uname(2), e.g. "x86_64"
@@ -15,6 +17,13 @@ struct Device {
     static const Device& current();
     // Compares systemVersion numerically, component by component ("12" >= "9.0").
     bool systemVersionAtLeast(int major, int minor = 0) const;
+
+    // A random UUID kept in `store` (standard(): the user's store), so that it stays the same
+    // across runs; empty when the store can keep none.
+    static std::string identifierForVendor(KeyValueStore& store);
+    static std::string identifierForVendor();
+    // The running program's name: what identifies the player application here.
+    static std::string programName();
 };
 
 } // namespace ovalto::platform

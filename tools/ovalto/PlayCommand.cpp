@@ -3,6 +3,7 @@
 #include "Origin.h"
 #include "PlaySubtitles.h"
 #include "PreparationOutcome.h"
+#include "QoeSession.h"
 #include "RetryReporter.h"
 #include "Timeline.h"
 #include "ovalto/Notifications.h"
@@ -49,6 +50,7 @@ Without URL it serves the built-in sample on a loopback port and plays that.
                               (sample:srt, sample:vtt, sample:ttml: the built-in sample's)
   --mime MIME                 its MIME type (application/x-subrip, text/vtt, application/nttml+xml
                               …; implied for the sample's)
+%s
 
 The timeline goes to standard output, library logs to standard error. Exit status: 0 when the
 stream played, 1 when preparation or playback failed, 2 for bad usage.
@@ -67,6 +69,7 @@ struct PlayOptions {
     bool json = false;
     double timeout = 60;
     std::shared_ptr<PlaySubtitles> subtitles = std::make_shared<PlaySubtitles>();
+    QoeSession qoe;
 };
 
 std::atomic<bool> interrupted{false};
@@ -100,7 +103,7 @@ std::optional<int> parseOptions(const std::vector<std::string>& args, PlayOption
     for (std::size_t i = 0; i < args.size(); ++i) {
         const auto& arg = args[i];
         if (arg == "--help" || arg == "-h") {
-            std::cout << playUsage;
+            std::printf(playUsage, QoeSession::usage);
             return 0;
         }
         if (arg == "--json") {
@@ -156,6 +159,8 @@ std::optional<int> parseOptions(const std::vector<std::string>& args, PlayOption
                 }
             }
             if (!known) return fail("--log-level takes debug, info, warning, error or silent");
+        } else if (std::string error; options.qoe.take(arg, value, error)) {
+            if (!error.empty()) return fail(error);
         } else {
             return fail("unknown option " + arg);
         }
@@ -214,7 +219,7 @@ public:
 private:
     bool prepare(const platform::Url& url) {
         listener_ = std::make_shared<TimelineListener>(timeline_);
-        facade_ = Ovalto::create(listener_);
+        facade_ = Ovalto::create(options_.qoe.listener(listener_, timeline_));
         if (!options_.headers.empty())
             facade_->configurations[ConfigurationKey::httpHeaders] = options_.headers;
 
@@ -374,6 +379,7 @@ private:
         player.reset();
         retries_.reset();
         facade_.reset(); // concludes the session
+        options_.qoe.finish();
         std::lock_guard lock(failureMutex);
         return failure ? 1 : 0;
     }
