@@ -1,6 +1,7 @@
 #include "API/OvaltoAccess.h"
 #include "Command.h"
 #include "Origin.h"
+#include "ProtectedPlay.h"
 #include "Timeline.h"
 #include "ovalto/Notifications.h"
 #include "ovalto/Ovalto.h"
@@ -59,6 +60,7 @@ struct PlayOptions {
     bool trace = false;
     bool json = false;
     double timeout = 60;
+    ProtectedPlay protection;
 };
 
 std::atomic<bool> interrupted{false};
@@ -92,8 +94,13 @@ std::optional<int> parseOptions(const std::vector<std::string>& args, PlayOption
     for (std::size_t i = 0; i < args.size(); ++i) {
         const auto& arg = args[i];
         if (arg == "--help" || arg == "-h") {
-            std::cout << playUsage;
+            std::cout << playUsage << "\nProtected content:\n" << ProtectedPlay::usage;
             return 0;
+        }
+        std::string problem;
+        if (int taken = options.protection.parse(args, i, problem)) {
+            if (taken < 0) return fail(problem);
+            continue;
         }
         if (arg == "--json") {
             options.json = true;
@@ -178,6 +185,11 @@ public:
     int run() {
         Ovalto::logLevel = options_.logLevel;
         std::unique_ptr<Origin> origin;
+        if (!options_.url && options_.protection.servesSample()) {
+            std::string error;
+            options_.url = options_.protection.start(timeline_, error);
+            if (!options_.url) return std::cerr << "ovalto play: " << error << "\n", 1;
+        }
         if (!options_.url) {
             Origin::Options serve;
             serve.directory = builtInSampleDirectory();
@@ -206,6 +218,8 @@ private:
         facade_ = Ovalto::create(listener_);
         if (!options_.headers.empty())
             facade_->configurations[ConfigurationKey::httpHeaders] = options_.headers;
+        if (std::string error; !options_.protection.configure(facade_->configurations, error))
+            return std::cerr << "ovalto play: " << error << "\n", false;
 
         std::optional<platform::Error> failure;
         bool prepared = false;
