@@ -27,7 +27,7 @@ Commands:
   tool ARGS            build and run the `ovalto` command-line tool with ARGS
   bench [FILTER]       build the benchmarks (Release) and run them
   fuzz TARGET SECONDS  build the libFuzzer targets with clang and run TARGET for SECONDS
-                       (targets: fuzz_attributes fuzz_master fuzz_media)
+                       (targets: fuzz_attributes fuzz_master fuzz_media fuzz_key_messages)
   setup                install the Debian packages the build needs (apt-get)
   format               run clang-format over the sources
   help                 this text
@@ -120,13 +120,16 @@ fuzz)
     need_packages "${PACKAGES[@]}" "${FUZZ_PACKAGES[@]}"
     CC=clang CXX=clang++ configure_and_build fuzz -DOVALTO_FUZZ=ON -DOVALTO_TESTS=OFF
     shift 2
-    # New inputs go to the working corpus; the playlist fixtures of the tests are the seeds (every
-    # target reads playlists: the attribute target takes each line as a tag line). Findings land
-    # in build/fuzz/artifacts. Further arguments go to libFuzzer.
+    # New inputs go to the working corpus; the seeds are the kept corpus fuzz/corpus/TARGET and
+    # the playlist fixtures of the tests (every target reads playlists: the attribute target takes
+    # each line as a tag line). Findings land in build/fuzz/artifacts; once fixed, a finding is
+    # copied into fuzz/corpus/TARGET, which `./ovalto.sh test` replays. Further arguments go to
+    # libFuzzer.
     corpus="$ROOT/build/fuzz/corpus/$target"
     artifacts="$ROOT/build/fuzz/artifacts"
     mkdir -p "$corpus" "$artifacts"
-    exec "$BUILD_DIR/fuzz/$target" "$corpus" "$ROOT/tests/data/playlists" -dict="$ROOT/fuzz/hls.dict" \
+    exec "$BUILD_DIR/fuzz/$target" "$corpus" "$ROOT/fuzz/corpus/$target" "$ROOT/tests/data/playlists" \
+        -dict="$ROOT/fuzz/hls.dict" \
         -artifact_prefix="$artifacts/$target-" -max_total_time="$seconds" -print_final_stats=1 "$@"
     ;;
 format)

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <random>
 
 namespace ovalto::platform {
 
@@ -24,9 +25,10 @@ constexpr double throughputWeight = 0.3; // of a new sample in the smoothed thro
 enum PlayerErrorCode : std::int64_t {
     playerErrorNotPlayable = 1,
     playerErrorBadPlaylist = 2,
-    playerErrorUndecryptable = 3, // a protected segment without a usable key, or not media once decrypted
+    playerErrorLiveStalled = 3,
+    playerErrorUndecryptable = 4, // a protected segment without a usable key, or not media once decrypted
 };
-
+constexpr double stallTargetDurations = 3; // of an unchanged live playlist before it counts as stalled
 constexpr std::string_view protectedKeyScheme = "skd";
 
 Error playerError(PlayerErrorCode code, std::string description) {
@@ -49,7 +51,9 @@ PlaybackSession::PlaybackSession(const Key&, std::shared_ptr<PlayerItem> item,
                                  std::shared_ptr<DispatchQueue> queue, PlayerSettings settings)
     : item_(std::move(item))
     , queue_(std::move(queue))
-    , settings_(settings) {}
+    , settings_(settings)
+    , backoff_(settings.retryDelay, settings.maximumRetryDelay, settings.retryWindow,
+               std::random_device{}()) {}
 
 // Hops a fetch completion onto the queue, for as long as the session lives.
 template <class Work> MediaFetcher::Completion PlaybackSession::whenFetched(Work work) {
@@ -205,8 +209,9 @@ void PlaybackSession::setTrackUrl(Role role, const Url& url, std::optional<doubl
     track.playlist.reset();
     track.starts.clear();
     track.complete = false;
-    track.playlistAttempts = 0;
-    track.segmentAttempts = 0;
+    track.playlistFailures = {};
+    track.segmentFailures = {};
+    track.stalled = false;
     if (flushTo && track.positioned) track.bufferedEnd = std::min(track.bufferedEnd, *flushTo);
     // Companions are placed on the main playlist's timeline, so they wait for it.
     const auto main = tracks_.find(Role::main);
@@ -269,17 +274,16 @@ void PlaybackSession::playlistLoaded(Role role, std::uint64_t generation, FetchR
     Track& track = found->second;
     track.playlistTask.reset();
     if (result.error) {
-        logError(result);
-        if (++track.playlistAttempts < settings_.attempts) {
-            track.reloadTimer = after(settings_.retryDelay, [role, generation](PlaybackSession& self) {
-                auto again = self.tracks_.find(role);
-                if (again != self.tracks_.end() && again->second.playlistGeneration == generation) {
-                    self.loadPlaylist(role);
-                }
-            });
-            return;
-        }
-        return fail(*result.error);
+        const auto wait = retryOrFail(track, track.playlistFailures, result);
+        if (!wait) return;
+        track.reloadTimer = after(*wait, [role, generation](PlaybackSession& self) {
+            auto again = self.tracks_.find(role);
+            if (again != self.tracks_.end() && again->second.playlistGeneration == generation) {
+                again->second.reloadTimer.reset();
+                self.loadPlaylist(role);
+            }
+        });
+        return;
     }
     auto parsed = HlsReader::read(result.data.value_or(Data()), result.baseUrl());
     auto* media = parsed ? std::get_if<HlsMediaPlaylist>(&*parsed) : nullptr;
@@ -289,7 +293,7 @@ void PlaybackSession::playlistLoaded(Role role, std::uint64_t generation, FetchR
         logError(result);
         return fail(*result.error);
     }
-    track.playlistAttempts = 0;
+    track.playlistFailures = {};
     acceptPlaylist(track, std::move(*media));
 }
 
@@ -307,6 +311,7 @@ void PlaybackSession::acceptPlaylist(Track& track, HlsMediaPlaylist playlist) {
         }
     }
     if (track.playlist->isLive()) {
+        watchForStall(track, changed || first);
         scheduleReload(role, changed);
         if (role == Role::main) item_->setDuration(MediaTime::indefiniteTime());
     } else if (role == Role::main) {
@@ -489,20 +494,18 @@ void PlaybackSession::mediaLoaded(Role role, std::uint64_t generation, std::opti
     Track& track = found->second;
     track.segmentTask.reset();
     if (result.error) {
-        logError(result);
-        if (++track.segmentAttempts < settings_.attempts) {
-            track.retryTimer = after(settings_.retryDelay, [role, generation](PlaybackSession& self) {
-                auto again = self.tracks_.find(role);
-                if (again == self.tracks_.end() || again->second.segmentGeneration != generation) return;
-                again->second.retryTimer.reset();
-                self.pump();
-            });
-            return;
-        }
-        return fail(*result.error);
+        const auto wait = retryOrFail(track, track.segmentFailures, result);
+        if (!wait) return;
+        track.retryTimer = after(*wait, [role, generation](PlaybackSession& self) {
+            auto again = self.tracks_.find(role);
+            if (again == self.tracks_.end() || again->second.segmentGeneration != generation) return;
+            again->second.retryTimer.reset();
+            self.pump();
+        });
+        return;
     }
     if (!initKey && !decrypt(track, result)) return;
-    track.segmentAttempts = 0;
+    track.segmentFailures = {};
     if (initKey) {
         track.initSections.insert(*initKey);
     } else {
@@ -748,7 +751,7 @@ void PlaybackSession::seek(double target, std::function<void(bool)> completion) 
     }
     for (auto& [role, track] : tracks_) {
         cancelDownloads(track, false);
-        track.segmentAttempts = 0;
+        track.segmentFailures = {};
         if (!track.positioned) continue;
         track.bufferedEnd = target;
         track.complete = false;
@@ -828,7 +831,44 @@ void PlaybackSession::finishSeeks(bool finished) {
         completion(finished);
 }
 
-void PlaybackSession::logError(const FetchResult& result) {
+std::optional<RetryBackoff::Clock::duration> PlaybackSession::retryOrFail(Track& track, Failures& failures,
+                                                                          const FetchResult& result) {
+    std::optional<RetryBackoff::Clock::duration> wait;
+    if (RetryBackoff::isTransient(*result.error)) {
+        // A paused player keeps its buffer, so it keeps trying; a starved one gives up in time.
+        const bool buffered = track.positioned && track.bufferedEnd - now() > epsilon;
+        wait = backoff_.next(++failures.count, buffered, failures.starvedSince);
+    }
+    logError(result, wait);
+    if (!wait) fail(*result.error);
+    return wait;
+}
+
+void PlaybackSession::watchForStall(Track& track, bool changed) {
+    const auto at = RetryBackoff::Clock::now();
+    if (changed) {
+        track.changedAt = at;
+        track.stalled = false; // playback picks up the new segments by itself
+        return;
+    }
+    const double target = std::max(track.playlist->targetDuration, 0.1);
+    const double unchanged = std::chrono::duration<double>(at - track.changedAt).count();
+    if (track.stalled || unchanged <= stallTargetDurations * target) return;
+    track.stalled = true;
+    ErrorLogEvent event;
+    event.date = std::chrono::system_clock::now();
+    event.URI = track.url ? std::optional(track.url->absoluteString()) : std::nullopt;
+    event.playbackSessionID = item_->playbackSessionID();
+    event.errorStatusCode = playerErrorLiveStalled;
+    event.errorDomain = playerErrorDomain;
+    event.errorComment = "The live playlist has not changed for " +
+                         std::to_string(static_cast<long>(std::lround(unchanged))) + " s.";
+    event.isFatal = false;
+    item_->addErrorLogEvent(std::move(event));
+}
+
+void PlaybackSession::logError(const FetchResult& result,
+                               std::optional<RetryBackoff::Clock::duration> retryIn) {
     ErrorLogEvent event;
     event.date = std::chrono::system_clock::now();
     event.URI = (result.redirectedTo ? *result.redirectedTo : result.url).absoluteString();
@@ -839,6 +879,12 @@ void PlaybackSession::logError(const FetchResult& result) {
         event.errorStatusCode = result.error->code;
         event.errorDomain = result.error->domain;
         event.errorComment = result.error->localizedDescription;
+    }
+    if (retryIn) {
+        event.isFatal = false;
+        event.errorComment =
+            event.errorComment.value_or("") + " Trying again in " +
+            std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(*retryIn).count()) + " ms.";
     }
     item_->addErrorLogEvent(std::move(event));
 }

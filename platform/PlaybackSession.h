@@ -6,6 +6,7 @@
 #include "platform/MediaSelectionGroup.h"
 #include "platform/Player.h"
 #include "platform/PlayerItem.h"
+#include "platform/RetryBackoff.h"
 
 #include <chrono>
 #include <cstdint>
@@ -45,6 +46,12 @@ public:
 private:
     enum class Role { main, audio, subtitles };
 
+    // A run of failed downloads of one kind on one track.
+    struct Failures {
+        int count = 0;
+        std::optional<RetryBackoff::Clock::time_point> starvedSince;
+    };
+
     struct Track {
         Role role = Role::main;
         std::optional<Url> url;
@@ -62,8 +69,10 @@ private:
         std::shared_ptr<DispatchWorkItem> reloadTimer;
         std::shared_ptr<DispatchWorkItem> retryTimer;
         std::set<std::string> initSections;
-        int playlistAttempts = 0;
-        int segmentAttempts = 0;
+        Failures playlistFailures;
+        Failures segmentFailures;
+        RetryBackoff::Clock::time_point changedAt{}; // when a reload last brought something new
+        bool stalled = false;                        // a live playlist that stopped changing
         // How the segment being fetched is decrypted; none for a clear one.
         std::optional<std::pair<ContentKey, Data>> decryption;
 
@@ -110,7 +119,11 @@ private:
     void setClock(double anchor, double limit);
     void fail(const Error& error);
     void finishSeeks(bool finished);
-    void logError(const FetchResult& result);
+    // Logs a failed download; the wait before trying again, or none once the item has failed.
+    std::optional<RetryBackoff::Clock::duration> retryOrFail(Track& track, Failures& failures,
+                                                             const FetchResult& result);
+    void logError(const FetchResult& result, std::optional<RetryBackoff::Clock::duration> retryIn = {});
+    void watchForStall(Track& track, bool changed);
     void beginAccessLogEvent(double bitrate, const Url& uri);
     double forwardTarget() const;
     void selectionChanged(MediaCharacteristic characteristic);
@@ -124,6 +137,7 @@ private:
     const std::shared_ptr<DispatchQueue> queue_;
     const PlayerSettings settings_;
     std::shared_ptr<MediaFetcher> fetcher_;
+    RetryBackoff backoff_;
     std::function<void()> onEnd_;
 
     std::optional<HlsMasterPlaylist> master_;

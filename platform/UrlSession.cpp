@@ -440,10 +440,10 @@ std::unique_ptr<Transfer> UrlTransport::makeTransfer(const std::shared_ptr<UrlSe
     }
 
     // Our own cookie storage, not libcurl's engine, so that the library can add cookies to it.
-    // libcurl drops a custom Cookie header when a redirect leaves the host.
-    std::string cookie = request.headers.value("Cookie").value_or("");
-    const std::string stored = CookieStorage::shared().headerValue(request.url);
-    if (!stored.empty()) cookie = cookie.empty() ? stored : cookie + "; " + stored;
+    // libcurl drops a custom Cookie header when a redirect leaves the host. The request's own
+    // Cookie header and the stored cookies often carry the same cookies: each goes once.
+    const std::string cookie =
+        CookieStorage::shared().headerValue(request.url, request.headers.value("Cookie").value_or(""));
 
     bool hasAcceptEncoding = false;
     auto append = [&](const std::string& line) {

@@ -34,8 +34,8 @@ public:
     using MediaType = ovalto::MediaType;
     using MimeType = ovalto::MimeType;
 
-    // Threshold of OVALog; lines below it are dropped.
-    static inline std::atomic<OVALogLevel> logLevel{OVALogLevel::debug};
+    // Threshold of OVALog; lines below it are dropped. The value lives with the log.
+    static inline std::atomic<OVALogLevel>& logLevel = OVALogThreshold;
     static inline std::string version = "1.0.0";
     // Result slot of the host application's own integrity check; the library never reads it.
     static inline std::atomic<bool> isJailBroken{false};
@@ -52,7 +52,9 @@ public:
     Configurations configurations;
 
     // Prepares `url` for playback: HLS through the library, anything else directly. Returns at
-    // once; the outcome is a notification on the default centre with this object.
+    // once; the outcome is a notification on the default centre with this object, exactly one per
+    // call. A call while an earlier preparation is still loading replaces it: the earlier one then
+    // ends with what the later asset gives, and only the later item stays observed.
     void prepare(const platform::Url& url, const std::optional<Headers>& customHeaders = std::nullopt);
     // The item of the last successful preparation; null before.
     std::shared_ptr<platform::PlayerItem> playerItem();

@@ -83,6 +83,9 @@ public:
 private:
     void prepareWork(const platform::Url& url, const std::string& scheme,
                      const std::optional<Headers>& customHeaders);
+    // Runs prepareInternal() on the main queue once `loading` (or the asset that replaced it) has
+    // loaded.
+    void finishWhenLoaded(const std::shared_ptr<platform::Asset>& loading);
     void postToFacade(const char* name, std::map<std::string, std::any> userInfo = {});
     void observeStatus(const platform::KeyValueChange& change);
 

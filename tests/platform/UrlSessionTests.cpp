@@ -164,9 +164,25 @@ TEST_F(UrlSessionTest, StoresResponseCookiesAndSendsThemBack) {
     ASSERT_EQ(stored.size(), 2u);
     EXPECT_TRUE(stored[1].expires);
 
-    auto next = request(server.url("/cookies"));
-    next.addValue("mine=0", "Cookie");
-    EXPECT_EQ(perform(next).data, "mine=0; a=1; b=2");
+    // One Cookie header, each cookie once: the request's own first, then the stored ones it lacks.
+    const struct {
+        const char* what;
+        std::vector<std::string> written; // Cookie fields added to the request
+        const char* sent;
+    } cases[] = {
+        {"stored only", {}, "a=1; b=2"},
+        {"another cookie", {"mine=0"}, "mine=0; a=1; b=2"},
+        {"the stored ones again", {"a=1; b=2;c"}, "a=1; b=2; c"},
+        {"a blank before a name", {" b=2"}, "b=2; a=1"},
+        {"the request's value wins", {"a=9"}, "a=9; b=2"},
+        {"two fields join", {"x=1", "x=2", "y=3"}, "x=1; y=3; a=1; b=2"},
+    };
+    for (const auto& c : cases) {
+        auto next = request(server.url("/cookies"));
+        for (const auto& value : c.written)
+            next.addValue(value, "Cookie");
+        EXPECT_EQ(perform(next).data, c.sent) << c.what;
+    }
 }
 
 TEST_F(UrlSessionTest, MapsTransportFailuresToUrlErrors) {

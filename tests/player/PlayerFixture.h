@@ -223,6 +223,8 @@ struct PlayerTest : ::testing::Test {
         platform::PlayerSettings s;
         s.minimumBufferDuration = 1.0;
         s.retryDelay = std::chrono::milliseconds(20);
+        s.maximumRetryDelay = std::chrono::milliseconds(160);
+        s.retryWindow = std::chrono::milliseconds(1000);
         s.tickInterval = std::chrono::milliseconds(5);
         return s;
     }();

@@ -1,7 +1,9 @@
 #include "API/OvaltoAccess.h"
 #include "Command.h"
 #include "Origin.h"
+#include "PreparationOutcome.h"
 #include "ProtectedPlay.h"
+#include "RetryReporter.h"
 #include "Timeline.h"
 #include "ovalto/Notifications.h"
 #include "ovalto/Ovalto.h"
@@ -39,7 +41,7 @@ Without URL it serves the built-in sample on a loopback port and plays that.
   --rate R                    playback rate (default 1; 4 plays 20 s of media in 5 s)
   --duration S                stop after S seconds of media (default: to the end; live: 30)
   --log-level L               library log level on standard error: debug, info, warning, error,
-                              silent (default warning)
+                              silent (default error)
   --trace                     also print every request the player makes
   --json                      one JSON object per event on standard output
   --timeout S                 give up when preparation takes longer than S seconds (default 60)
@@ -56,7 +58,7 @@ struct PlayOptions {
     std::vector<std::pair<MediaType, long>> selections;
     double rate = 1.0;
     std::optional<double> duration;
-    OVALogLevel logLevel = OVALogLevel::warning;
+    OVALogLevel logLevel = OVALogLevel::error;
     bool trace = false;
     bool json = false;
     double timeout = 60;
@@ -221,21 +223,7 @@ private:
         if (std::string error; !options_.protection.configure(facade_->configurations, error))
             return std::cerr << "ovalto play: " << error << "\n", false;
 
-        std::optional<platform::Error> failure;
-        bool prepared = false;
-        auto& center = platform::NotificationCenter::defaultCenter();
-        auto tokens = {
-            center.addObserver(OvaltoPreparationNotification, facade_,
-                               [&](const platform::Notification&) { prepared = true; }),
-            center.addObserver(OvaltoErrorNotification, facade_, [&](const platform::Notification& note) {
-                auto it = note.userInfo.find(OvaltoErrorUserInfoKey);
-                if (it == note.userInfo.end()) return;
-                if (const auto* error = std::any_cast<platform::Error>(&it->second)) {
-                    // Loading requests that fail during playback are reported too;
-                    // only one that ends preparation counts here.
-                    if (!failure) failure = *error;
-                }
-            })};
+        PreparationOutcome outcome(facade_);
         facade_->prepare(url, options_.customHeaders.empty() ? std::nullopt
                                                              : std::optional(options_.customHeaders));
         if (!options_.edges.empty()) facade_->setEdgeList(options_.edges);
@@ -243,19 +231,18 @@ private:
         auto deadline = std::chrono::steady_clock::now() +
                         std::chrono::milliseconds(static_cast<long>(options_.timeout * 1000));
         auto& loop = platform::RunLoop::main();
-        loop.runUntil([&] { return prepared || isFatal(failure) || interrupted; }, deadline);
-        for (auto token : tokens)
-            center.removeObserver(token);
+        loop.runUntil([&] { return outcome.ended() || interrupted; }, deadline);
 
-        if (!prepared) {
-            if (failure) {
+        if (!outcome.prepared()) {
+            if (auto failure = outcome.error()) {
                 auto typed = OvaltoError::from(*failure);
                 int code = typed ? typed->code() : static_cast<int>(failure->code);
                 char hex[16];
                 std::snprintf(hex, sizeof hex, "0x%X", static_cast<unsigned>(code));
                 std::cerr << "ovalto play: preparation failed: error " << hex << " (" << code
                           << "): " << failure->localizedDescription << "\n";
-                timeline_.event("error", failure->localizedDescription, {{"code", code}});
+                timeline_.event("error", failure->localizedDescription,
+                                {{"code", code}, {"message", failure->localizedDescription}});
             } else {
                 std::cerr << "ovalto play: preparation "
                           << (interrupted ? "interrupted"
@@ -269,15 +256,6 @@ private:
         printMaster();
         printTracks();
         return true;
-    }
-
-    // Errors from the preparation itself (not from a playlist request during loading).
-    static bool isFatal(const std::optional<platform::Error>& error) {
-        if (!error) return false;
-        auto typed = OvaltoError::from(*error);
-        if (!typed) return false;
-        int code = typed->code();
-        return code == 0x8100 || code == 0x8201 || code == 0x8202;
     }
 
     void printMaster() {
@@ -342,6 +320,7 @@ private:
         };
 
         auto player = platform::Player::create();
+        retries_ = std::make_unique<RetryReporter>(timeline_, item_);
         if (options_.trace) {
             player->setRequestTrace([this](const platform::RequestTraceLine& line) {
                 timeline_.event("player request", line.text(),
@@ -397,6 +376,7 @@ private:
 
         summary(player->currentTime().seconds());
         player.reset();
+        retries_.reset();
         facade_.reset(); // concludes the session
         std::lock_guard lock(failureMutex);
         return failure ? 1 : 0;
@@ -427,7 +407,8 @@ private:
                                  {"averageBitrate", averageBitrate},
                                  {"throughput", throughput},
                                  {"manifestRequests", figures.manifestRequests},
-                                 {"fragmentRequests", figures.fragmentRequests}};
+                                 {"fragmentRequests", figures.fragmentRequests},
+                                 {"retries", retries_ ? retries_->retries() : 0}};
         if (timeline_.json()) {
             timeline_.event("summary", "", fields);
             return;
@@ -444,6 +425,7 @@ private:
              << " redirected by the library)\n"
              << "  playlists            " << figures.manifestRequests << " downloaded by the library\n"
              << "  bytes                " << bytes << "\n"
+             << "  retries              " << (retries_ ? retries_->retries() : 0) << "\n"
              << "  average bitrate      " << static_cast<long>(averageBitrate / 1000) << " kbit/s\n"
              << "  download throughput  " << static_cast<long>(throughput / 1000) << " kbit/s\n";
         if (isatty(STDOUT_FILENO)) timeline_.progress("");
@@ -455,6 +437,7 @@ private:
     std::shared_ptr<TimelineListener> listener_;
     std::shared_ptr<Ovalto> facade_;
     std::shared_ptr<platform::PlayerItem> item_;
+    std::unique_ptr<RetryReporter> retries_;
 };
 
 int play(const std::vector<std::string>& args) {
@@ -462,8 +445,16 @@ int play(const std::vector<std::string>& args) {
     if (auto status = parseOptions(args, options)) return *status;
     std::signal(SIGINT, onInterrupt);
     std::signal(SIGTERM, onInterrupt);
-    Timeline timeline(std::cout, options.json);
-    return Session(std::move(options), timeline).run();
+    // With --json standard output carries the events only: what the library prints goes to
+    // standard error for the run.
+    std::ostream out(std::cout.rdbuf());
+    std::streambuf* const saved = options.json ? std::cout.rdbuf(std::cerr.rdbuf()) : nullptr;
+    const OVALogLevel savedLevel = Ovalto::logLevel.load();
+    Timeline timeline(out, options.json);
+    const int status = Session(std::move(options), timeline).run();
+    Ovalto::logLevel = savedLevel;
+    if (saved) std::cout.rdbuf(saved);
+    return status;
 }
 
 CommandRegistrar registrar({"play", "prepare a stream through the library and play it (default: the sample)",

@@ -19,7 +19,8 @@ Serves an HLS presentation over HTTP on loopback, with the content types players
   --port P     the port to listen on (default: any free port)
   --host H     the address to bind (default 127.0.0.1)
   --live       serve every media playlist as a live window that slides in real time over its
-               segments, looping with a discontinuity at each wrap
+               segments, looping with a discontinuity at each wrap; the window follows the wall
+               clock, so a restarted origin continues the same stream
   --window N   segments in a live window (default 3)
   --quiet      do not log each request on standard error
 
