@@ -27,7 +27,8 @@ Commands:
   tool ARGS            build and run the `ovalto` command-line tool with ARGS
   bench [FILTER]       build the benchmarks (Release) and run them
   fuzz TARGET SECONDS  build the libFuzzer targets with clang and run TARGET for SECONDS
-                       (targets: fuzz_attributes fuzz_master fuzz_media fuzz_subrip fuzz_ttml)
+                       (targets: fuzz_attributes fuzz_master fuzz_media fuzz_key_messages
+                        fuzz_route_table fuzz_json_writer fuzz_subrip fuzz_ttml)
   setup                install the Debian packages the build needs (apt-get)
   format               run clang-format over the sources
   help                 this text

@@ -156,6 +156,7 @@ void MediaFetcher::fetchThroughDelegate(const std::shared_ptr<FetchTask>& task) 
             FetchResult result(task->request_.url, true);
             result.response = outcome.response;
             result.contentType = outcome.contentType;
+            result.keySession = outcome.keySession;
             if (outcome.response && outcome.response->isHttp)
                 result.statusCode = outcome.response->statusCode;
             switch (outcome.kind) {

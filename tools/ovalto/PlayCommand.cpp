@@ -4,6 +4,7 @@
 #include "PlaySubtitles.h"
 #include "PreparationOutcome.h"
 #include "QoeSession.h"
+#include "ProtectedPlay.h"
 #include "RetryReporter.h"
 #include "Timeline.h"
 #include "ovalto/Notifications.h"
@@ -70,6 +71,7 @@ struct PlayOptions {
     double timeout = 60;
     std::shared_ptr<PlaySubtitles> subtitles = std::make_shared<PlaySubtitles>();
     QoeSession qoe;
+    ProtectedPlay protection;
 };
 
 std::atomic<bool> interrupted{false};
@@ -104,7 +106,13 @@ std::optional<int> parseOptions(const std::vector<std::string>& args, PlayOption
         const auto& arg = args[i];
         if (arg == "--help" || arg == "-h") {
             std::printf(playUsage, QoeSession::usage);
+            std::cout << "\nProtected content:\n" << ProtectedPlay::usage;
             return 0;
+        }
+        std::string problem;
+        if (int taken = options.protection.parse(args, i, problem)) {
+            if (taken < 0) return fail(problem);
+            continue;
         }
         if (arg == "--json") {
             options.json = true;
@@ -194,6 +202,11 @@ public:
     int run() {
         Ovalto::logLevel = options_.logLevel;
         std::unique_ptr<Origin> origin;
+        if (!options_.url && options_.protection.servesSample()) {
+            std::string error;
+            options_.url = options_.protection.start(timeline_, error);
+            if (!options_.url) return std::cerr << "ovalto play: " << error << "\n", 1;
+        }
         if (!options_.url) {
             Origin::Options serve;
             serve.directory = builtInSampleDirectory();
@@ -222,6 +235,8 @@ private:
         facade_ = Ovalto::create(options_.qoe.listener(listener_, timeline_));
         if (!options_.headers.empty())
             facade_->configurations[ConfigurationKey::httpHeaders] = options_.headers;
+        if (std::string error; !options_.protection.configure(facade_->configurations, error))
+            return std::cerr << "ovalto play: " << error << "\n", false;
 
         PreparationOutcome outcome(facade_);
         facade_->prepare(url, options_.customHeaders.empty() ? std::nullopt
