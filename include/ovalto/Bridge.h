@@ -30,8 +30,9 @@ public:
         // Only a loopback address unless the application names another one.
         std::string host = "127.0.0.1";
         int port = 0; // 0: any free port
-        // Connections served at once (keep-alive connections hold one each).
-        int threads = 16;
+        // Connections served at once: an idle keep-alive connection holds one until it times out,
+        // and a player keeps one per rendition it reads.
+        int threads = 64;
         // How long an answer may take before the request is given up (504).
         std::chrono::milliseconds loadingTimeout = std::chrono::seconds(60);
     };

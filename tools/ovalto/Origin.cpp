@@ -64,6 +64,11 @@ struct Origin::Impl {
         // the body of every answer after the first on a kept-alive connection waits for the
         // client's delayed acknowledgement of the headers, some 40 ms.
         server.set_tcp_nodelay(true);
+        // A player keeps a connection open per rendition it reads, and an idle kept-alive
+        // connection holds a thread until it times out: httplib's 8 threads stall ffmpeg for 5 s.
+        server.new_task_queue = [] { return std::make_unique<httplib::ThreadPool>(32).release(); };
+        // Stopping waits for idle kept-alive connections (the library's own among them) to time out.
+        server.set_keep_alive_timeout(1);
         for (const auto& entry : mimeTypes)
             server.set_file_extension_and_mimetype_mapping(entry.extension, entry.type);
         if (!server.set_mount_point("/", options.directory)) {
