@@ -174,13 +174,15 @@ struct Bridge::Impl {
             }
             case Kind::error:
             case Kind::cancelled: {
-                const auto error = outcome.error.value_or(
-                    platform::Error{platform::Error::loaderDomain, platform::loaderErrorCancelled,
-                                    "The loading request was cancelled.", {}});
+                const auto error =
+                    outcome.error.value_or(platform::Error{platform::Error::loaderDomain,
+                                                           platform::loaderErrorCancelled,
+                                                           "The loading request was cancelled.",
+                                                           {}});
                 fail(statusFor(error), describe(error));
-                res.set_header("X-Ovalto-Error", std::to_string(OvaltoError::from(error)
-                                                                    ? OvaltoError::from(error)->code()
-                                                                    : error.code));
+                res.set_header(
+                    "X-Ovalto-Error",
+                    std::to_string(OvaltoError::from(error) ? OvaltoError::from(error)->code() : error.code));
                 break;
             }
             }
@@ -188,8 +190,8 @@ struct Bridge::Impl {
         exchange.status = res.status != -1 ? res.status : req.ranges.empty() ? 200 : 206;
         exchange.bytes = res.body.size();
         if (exchange.error) {
-            OVALog(OVALogLevel::warning, req.method + " " + req.target + " " + std::to_string(res.status) + " " +
-                                             *exchange.error,
+            OVALog(OVALogLevel::warning,
+                   req.method + " " + req.target + " " + std::to_string(res.status) + " " + *exchange.error,
                    answerFunction, __FILE__, __LINE__);
         }
         if (observer) observer(exchange);
@@ -244,12 +246,13 @@ std::optional<platform::Error> Bridge::start() {
     server.set_write_timeout(5, 0);
     Impl* self = impl_.get();
     server.Get(".*", [self](const httplib::Request& req, httplib::Response& res) { self->answer(req, res); });
-    const int port = impl.options.port > 0 ? (server.bind_to_port(impl.options.host.c_str(), impl.options.port)
-                                                  ? impl.options.port
-                                                  : -1)
-                                           : server.bind_to_any_port(impl.options.host.c_str());
+    const int port =
+        impl.options.port > 0
+            ? (server.bind_to_port(impl.options.host.c_str(), impl.options.port) ? impl.options.port : -1)
+            : server.bind_to_any_port(impl.options.host.c_str());
     if (port <= 0) {
-        return platform::Error{platform::Error::urlDomain, platform::urlErrorCannotConnectToHost,
+        return platform::Error{platform::Error::urlDomain,
+                               platform::urlErrorCannotConnectToHost,
                                "The bridge cannot listen on " + impl.options.host + ":" +
                                    std::to_string(impl.options.port) + ".",
                                {}};

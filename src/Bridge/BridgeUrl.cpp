@@ -29,7 +29,8 @@ void mapAttributes(std::string_view line, std::string_view origin, std::string& 
     while (true) {
         auto found = line.find(key, at);
         // A match inside another attribute's name (…XURI=") is not this attribute.
-        while (found != std::string_view::npos && found > 0 && line[found - 1] != ':' && line[found - 1] != ',')
+        while (found != std::string_view::npos && found > 0 && line[found - 1] != ':' &&
+               line[found - 1] != ',')
             found = line.find(key, found + 1);
         if (found == std::string_view::npos) break;
         auto valueBegin = found + key.size();
