@@ -10,6 +10,7 @@ PACKAGES=(
     libcurl4-openssl-dev libcpp-httplib-dev nlohmann-json3-dev libexpat1-dev
     liburiparser-dev libsqlite3-dev libgtest-dev libgmock-dev libbenchmark-dev
     libssl-dev libpango1.0-dev libcairo2-dev fonts-dejavu-core fonts-vlgothic
+    ffmpeg mpv gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-libav
 )
 FUZZ_PACKAGES=(clang libclang-rt-14-dev)
 COMPARE_PACKAGES=(python3 python3-m3u8)
