@@ -29,6 +29,7 @@ Commands:
   bench [FILTER]       build the benchmarks (Release) and run them
   fuzz TARGET SECONDS  build the libFuzzer targets with clang and run TARGET for SECONDS
                        (targets: fuzz_attributes fuzz_master fuzz_media)
+  package              build (Release) and make build/release/ovalto_<version>_amd64.deb
   setup                install the Debian packages the build needs (apt-get)
   format               run clang-format over the sources
   help                 this text
@@ -107,6 +108,11 @@ tool | play)
     build_flavour
     if [ "$cmd" = play ]; then set -- play "$@"; fi
     exec "$BUILD_DIR/bin/ovalto" "$@"
+    ;;
+package)
+    need_packages "${PACKAGES[@]}"
+    configure_and_build release -DCMAKE_BUILD_TYPE=Release -DOVALTO_TESTS=OFF
+    cd "$BUILD_DIR" && cpack -G DEB
     ;;
 bench)
     need_packages "${PACKAGES[@]}"
