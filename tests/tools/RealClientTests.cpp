@@ -50,8 +50,8 @@ struct RecordingOrigin {
     }
     int count(const std::string& suffix) {
         std::lock_guard lock(mutex);
-        return static_cast<int>(std::count_if(paths.begin(), paths.end(),
-                                              [&](const std::string& path) { return path.ends_with(suffix); }));
+        return static_cast<int>(std::count_if(
+            paths.begin(), paths.end(), [&](const std::string& path) { return path.ends_with(suffix); }));
     }
     std::mutex mutex;
     std::vector<std::string> paths;
@@ -87,9 +87,9 @@ TEST_P(RealClientTest, PlaysThroughTheBridgeFromTheChosenEdge) {
     command.replace(command.find("{out}"), 5, (directory / "out").string());
     std::ostringstream timeline;
     auto* saved = std::cout.rdbuf(timeline.rdbuf());
-    const int status = findCommand("bridge")->run({origin.origin->baseUrl() + "master.m3u8", "--edge",
-                                                   "1=" + edgeUrl, "--log-level", "silent", "--exec",
-                                                   "timeout 60 " + command});
+    const int status =
+        findCommand("bridge")->run({origin.origin->baseUrl() + "master.m3u8", "--edge", "1=" + edgeUrl,
+                                    "--log-level", "silent", "--exec", "timeout 60 " + command});
     std::cout.rdbuf(saved);
 
     EXPECT_EQ(status, 0) << row.what << "\n" << timeline.str();
@@ -122,7 +122,8 @@ INSTANTIATE_TEST_SUITE_P(
                   "mpv --no-config --vo=null --ao=null --untimed --speed=10 --audio-pitch-correction=no "
                   "--really-quiet --log-file={out}.log {}",
                   [](const std::filesystem::path& directory) {
-                      EXPECT_NE(readFile(directory / "out.log").find("Exiting... (End of file)"), std::string::npos);
+                      EXPECT_NE(readFile(directory / "out.log").find("Exiting... (End of file)"),
+                                std::string::npos);
                   }},
         ClientRow{"GStreamer playbin reaches end-of-stream", "gst-launch-1.0", false,
                   "gst-launch-1.0 playbin uri={} video-sink=fakesink audio-sink=fakesink > {out}.log",

@@ -83,7 +83,8 @@ class Child {
 public:
     explicit Child(const std::string& command) {
         const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
-        if (posix_spawn(&pid_, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0) pid_ = -1;
+        if (posix_spawn(&pid_, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0)
+            pid_ = -1;
     }
     bool started() const { return pid_ > 0; }
     // True once the child has ended; `status` then holds its exit status.
@@ -163,12 +164,14 @@ int bridgeCommand(const std::vector<std::string>& arguments) {
     auto args = arguments;
     BridgeOptions options;
     if (auto status = takeOptions(args, options)) return *status;
-    return prepareThen(args, bridgeUsage, [&](const auto& facade, Timeline& timeline, const auto& interrupted) {
-        return serve(options, facade, timeline, interrupted);
-    });
+    return prepareThen(args, bridgeUsage,
+                       [&](const auto& facade, Timeline& timeline, const auto& interrupted) {
+                           return serve(options, facade, timeline, interrupted);
+                       });
 }
 
-CommandRegistrar registrar({"bridge", "serve a stream prepared through the library to any HLS player over HTTP",
+CommandRegistrar registrar({"bridge",
+                            "serve a stream prepared through the library to any HLS player over HTTP",
                             bridgeCommand});
 
 } // namespace
