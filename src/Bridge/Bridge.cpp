@@ -11,6 +11,7 @@
 
 #include <httplib.h>
 #include <strings.h>
+#include <sys/socket.h>
 
 #include <condition_variable>
 #include <cstdio>
@@ -238,9 +239,11 @@ std::optional<platform::Error> Bridge::start() {
     server.set_keep_alive_max_count(1000);
     server.set_tcp_nodelay(true);
     // Without the default SO_REUSEPORT: a second server on a taken port must fail, not share it.
-    server.set_socket_options([](int socket) {
+    int listening = -1;
+    server.set_socket_options([&listening](int socket) {
         int yes = 1;
         setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+        listening = socket;
     });
     // A client that stops reading frees its thread after this long.
     server.set_write_timeout(5, 0);
@@ -258,6 +261,9 @@ std::optional<platform::Error> Bridge::start() {
                                {}};
     }
     impl.port = port;
+    // httplib listens with a backlog of 5: a player opening a connection per rendition, or a
+    // few players at once, overflow it and wait a second for the SYN to be sent again.
+    ::listen(listening, SOMAXCONN);
     {
         std::lock_guard lock(impl.mutex);
         impl.stopping = false;
