@@ -28,7 +28,7 @@ Commands:
   tool ARGS            build and run the `ovalto` command-line tool with ARGS
   bench [FILTER]       build the benchmarks (Release) and run them
   fuzz TARGET SECONDS  build the libFuzzer targets with clang and run TARGET for SECONDS
-                       (targets: fuzz_attributes fuzz_master fuzz_media)
+                       (targets: fuzz_attributes fuzz_master fuzz_media fuzz_bridge_url)
   package              build (Release) and make build/release/ovalto_<version>_amd64.deb
   setup                install the Debian packages the build needs (apt-get)
   format               run clang-format over the sources
@@ -133,7 +133,10 @@ fuzz)
     corpus="$ROOT/build/fuzz/corpus/$target"
     artifacts="$ROOT/build/fuzz/artifacts"
     mkdir -p "$corpus" "$artifacts"
-    exec "$BUILD_DIR/fuzz/$target" "$corpus" "$ROOT/tests/data/playlists" -dict="$ROOT/fuzz/hls.dict" \
+    # Inputs that are not playlists (bridge request targets) are seeded from fuzz/seeds/<name>.
+    seeds=()
+    [ -d "$ROOT/fuzz/seeds/${target#fuzz_}" ] && seeds=("$ROOT/fuzz/seeds/${target#fuzz_}")
+    exec "$BUILD_DIR/fuzz/$target" "$corpus" "$ROOT/tests/data/playlists" "${seeds[@]}" -dict="$ROOT/fuzz/hls.dict" \
         -artifact_prefix="$artifacts/$target-" -max_total_time="$seconds" -print_final_stats=1 "$@"
     ;;
 format)
