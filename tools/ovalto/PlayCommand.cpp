@@ -6,6 +6,7 @@
 #include "QoeSession.h"
 #include "ProtectedPlay.h"
 #include "RetryReporter.h"
+#include "PreparedSession.h"
 #include "Timeline.h"
 #include "ovalto/Notifications.h"
 #include "ovalto/Ovalto.h"
@@ -17,6 +18,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -198,6 +200,7 @@ public:
     Session(PlayOptions options, Timeline& timeline)
         : options_(std::move(options))
         , timeline_(timeline) {}
+    void setAfterPreparation(AfterPreparation after) { after_ = std::move(after); }
 
     int run() {
         Ovalto::logLevel = options_.logLevel;
@@ -226,6 +229,7 @@ public:
             return 2;
         }
         if (!prepare(*url)) return 1;
+        if (after_) return after_(facade_, timeline_, interrupted);
         return play();
     }
 
@@ -452,6 +456,7 @@ private:
     }
 
     PlayOptions options_;
+    AfterPreparation after_; // `ovalto bridge`: serve instead of playing
     Timeline& timeline_;
     std::shared_ptr<TimelineListener> listener_;
     std::shared_ptr<Ovalto> facade_;
@@ -475,6 +480,25 @@ int play(const std::vector<std::string>& args) {
     if (saved) std::cout.rdbuf(saved);
     return status;
 }
+
+} // namespace
+
+int prepareThen(const std::vector<std::string>& args, const std::string& usage, AfterPreparation after) {
+    PlayOptions options;
+    if (std::find(args.begin(), args.end(), "--help") != args.end()) {
+        std::cout << usage;
+        return 0;
+    }
+    if (auto status = parseOptions(args, options)) return *status;
+    std::signal(SIGINT, onInterrupt);
+    std::signal(SIGTERM, onInterrupt);
+    Timeline timeline(std::cout, options.json);
+    Session session(std::move(options), timeline);
+    session.setAfterPreparation(std::move(after));
+    return session.run();
+}
+
+namespace {
 
 CommandRegistrar registrar({"play", "prepare a stream through the library and play it (default: the sample)",
                             play});
