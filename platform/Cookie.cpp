@@ -185,6 +185,33 @@ std::vector<Cookie> Cookie::cookies(const HeaderFields& headers, const Url& url)
     return result;
 }
 
+std::string Cookie::headerValue(std::string_view written, const std::vector<Cookie>& more) {
+    std::string header;
+    std::vector<std::string_view> names;
+    const auto add = [&](std::string_view name, std::string_view piece) {
+        if (std::find(names.begin(), names.end(), name) != names.end()) return;
+        names.push_back(name);
+        if (!header.empty()) header += "; ";
+        header += piece;
+    };
+    for (std::size_t start = 0; start <= written.size();) {
+        auto end = written.find(';', start);
+        if (end == std::string_view::npos) end = written.size();
+        const auto piece = trimmed(written.substr(start, end - start));
+        // A piece without "=" is sent as written; its whole text names it.
+        if (!piece.empty()) add(trimmed(piece.substr(0, piece.find('='))), piece);
+        start = end + 1;
+    }
+    std::vector<std::string> pieces; // `names` refers into them
+    pieces.reserve(more.size());
+    for (const auto& cookie : more) {
+        const auto name = trimmed(cookie.name);
+        pieces.push_back(std::string(name) + "=" + cookie.value);
+        add(std::string_view(pieces.back()).substr(0, name.size()), pieces.back());
+    }
+    return header;
+}
+
 bool Cookie::matches(const Url& url) const {
     if (!domain.empty()) {
         const std::string host = lowered(url.host().value_or(""));
@@ -242,13 +269,8 @@ std::vector<Cookie> CookieStorage::cookies(const Url& url) const {
     return result;
 }
 
-std::string CookieStorage::headerValue(const Url& url) const {
-    std::string header;
-    for (const auto& cookie : cookies(url)) {
-        if (!header.empty()) header += "; ";
-        header += cookie.name + "=" + cookie.value;
-    }
-    return header;
+std::string CookieStorage::headerValue(const Url& url, std::string_view written) const {
+    return Cookie::headerValue(written, cookies(url));
 }
 
 void CookieStorage::removeAll() {

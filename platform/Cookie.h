@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace ovalto::platform {
@@ -27,6 +28,10 @@ struct Cookie {
     // The cookies that the "Set-Cookie" fields of `headers` set for `url`.
     static std::vector<Cookie> cookies(const HeaderFields& headers, const Url& url);
     bool matches(const Url& url) const;
+    // One "Cookie" header value from what a request already carries (`written`, kept first and
+    // as written) and `more`: each name once, the first occurrence winning. Names are compared
+    // without surrounding blanks, so " b=2" from a configured header and a stored " b" are one.
+    static std::string headerValue(std::string_view written, const std::vector<Cookie>& more);
 };
 
 // The process-wide cookie store.
@@ -35,8 +40,9 @@ public:
     static CookieStorage& shared();
     void setCookies(const std::vector<Cookie>& cookies, const Url& url);
     std::vector<Cookie> cookies(const Url& url) const;
-    // "a=1; b=2" for a Cookie request header, empty when nothing matches.
-    std::string headerValue(const Url& url) const;
+    // "a=1; b=2" for a Cookie request header, empty when nothing matches; see
+    // Cookie::headerValue for how `written` (a Cookie header the request already has) joins in.
+    std::string headerValue(const Url& url, std::string_view written = {}) const;
     void removeAll();
 
     struct Impl;

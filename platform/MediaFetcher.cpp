@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 
 namespace ovalto::platform {
 
@@ -17,14 +18,11 @@ namespace {
 
 constexpr double requestTimeout = 60.0; // seconds, for direct HTTP requests
 
-std::string cookieHeader(const std::vector<Cookie>& cookies, const Url& url) {
-    std::string header;
-    for (const auto& cookie : cookies) {
-        if (!cookie.matches(url)) continue;
-        if (!header.empty()) header += "; ";
-        header += cookie.name + "=" + cookie.value;
-    }
-    return header;
+std::string cookieHeader(std::string_view written, const std::vector<Cookie>& cookies, const Url& url) {
+    std::vector<Cookie> matching;
+    std::copy_if(cookies.begin(), cookies.end(), std::back_inserter(matching),
+                 [&](const Cookie& cookie) { return cookie.matches(url); });
+    return Cookie::headerValue(written, matching);
 }
 
 } // namespace
@@ -158,6 +156,7 @@ void MediaFetcher::fetchThroughDelegate(const std::shared_ptr<FetchTask>& task) 
             FetchResult result(task->request_.url, true);
             result.response = outcome.response;
             result.contentType = outcome.contentType;
+            result.keySession = outcome.keySession;
             if (outcome.response && outcome.response->isHttp)
                 result.statusCode = outcome.response->statusCode;
             switch (outcome.kind) {
@@ -208,8 +207,10 @@ void MediaFetcher::fetchDirectly(const std::shared_ptr<FetchTask>& task, UrlRequ
     const bool viaDelegate = isCustomScheme(task->request_.url);
     std::optional<Url> redirectedTo;
     if (viaDelegate) redirectedTo = request.url;
-    if (const std::string cookies = cookieHeader(cookies_, request.url); !cookies.empty()) {
-        request.addValue(cookies, "Cookie");
+    if (const std::string cookies =
+            cookieHeader(request.headers.value("Cookie").value_or(""), cookies_, request.url);
+        !cookies.empty()) {
+        request.setValue(cookies, "Cookie");
     }
     std::weak_ptr<MediaFetcher> weakSelf = weak_from_this();
     const Url target = request.url;

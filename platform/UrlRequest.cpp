@@ -21,7 +21,8 @@ void HeaderFields::addValue(const std::string& value, const std::string& name) {
     if (field == fields_.end()) {
         fields_.emplace_back(name, value);
     } else {
-        field->second += ", " + value;
+        // Cookie pairs are separated by "; ", and a comma may be part of a cookie's value.
+        field->second += (sameName(name, "Cookie") ? "; " : ", ") + value;
     }
 }
 

@@ -13,7 +13,8 @@ namespace ovalto::platform {
 // Header fields keyed case-insensitively, kept in the order they were first set.
 class HeaderFields {
 public:
-    // Appends `value` to an existing field of the same name with ", " between, or adds it.
+    // Appends `value` to an existing field of the same name with ", " between ("; " for "Cookie"),
+    // or adds it.
     void addValue(const std::string& value, const std::string& name);
     // Replaces the field (or removes it when `value` is empty).
     void setValue(const std::string& value, const std::string& name);
@@ -36,7 +37,10 @@ struct UrlRequest {
 
     Url url;
     CachePolicy cachePolicy;
-    double timeoutInterval; // seconds
+    double timeoutInterval; // seconds without a byte in either direction
+    // Seconds for the whole exchange, redirects included, however steadily bytes arrive; none:
+    // the idle timeout alone. Ends in the same timed-out error.
+    std::optional<double> deadlineInterval;
     std::string httpMethod = "GET";
     std::optional<Data> httpBody;
     HeaderFields headers;

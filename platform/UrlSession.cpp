@@ -137,6 +137,8 @@ struct Transfer {
     std::vector<std::string> setCookies;                              // of the latest response
     Clock::duration idleTimeout{};
     Clock::time_point lastActivity;
+    std::optional<Clock::duration> deadlineInterval;
+    Clock::time_point deadline = Clock::time_point::max(); // set when the transfer starts
     curl_off_t uploaded = 0;
     std::array<char, CURL_ERROR_SIZE> errorText{};
     int status = 0;            // of the latest status line
@@ -324,6 +326,8 @@ private:
                 if (transfer->task->isCompleted()) continue;
                 curl_easy_setopt(transfer->easy.get(), CURLOPT_SHARE, share_.get());
                 transfer->lastActivity = Clock::now();
+                if (transfer->deadlineInterval)
+                    transfer->deadline = transfer->lastActivity + *transfer->deadlineInterval;
                 CURL* easy = transfer->easy.get();
                 if (curl_multi_add_handle(multi_.get(), easy) == CURLM_OK) {
                     active_.emplace(easy, std::move(transfer));
@@ -345,12 +349,14 @@ private:
                 if (message->msg == CURLMSG_DONE) finish(message->easy_handle, message->data.result);
             }
 
-            // Idle timeouts: no byte in either direction for the request's timeout interval.
+            // Idle timeouts (no byte in either direction for the request's timeout interval) and
+            // overall deadlines: a server that drips its answer byte by byte is never idle.
             const auto now = Clock::now();
             auto wait = std::chrono::milliseconds(1000);
             std::vector<CURL*> idle;
             for (const auto& [easy, transfer] : active_) {
-                const auto deadline = transfer->lastActivity + transfer->idleTimeout;
+                const auto deadline =
+                    std::min(transfer->lastActivity + transfer->idleTimeout, transfer->deadline);
                 if (deadline <= now) {
                     idle.push_back(easy);
                 } else {
@@ -403,6 +409,9 @@ std::unique_ptr<Transfer> UrlTransport::makeTransfer(const std::shared_ptr<UrlSe
     const double timeout = request.timeoutInterval > 0 ? request.timeoutInterval : 60.0;
     transfer->idleTimeout =
         std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(timeout));
+    if (request.deadlineInterval)
+        transfer->deadlineInterval = std::chrono::duration_cast<Clock::duration>(
+            std::chrono::duration<double>(std::max(*request.deadlineInterval, 0.0)));
 
     const std::string& text = request.url.absoluteString();
     const std::string target = text.substr(0, text.find('#')); // fragments stay on this side
@@ -440,10 +449,10 @@ std::unique_ptr<Transfer> UrlTransport::makeTransfer(const std::shared_ptr<UrlSe
     }
 
     // Our own cookie storage, not libcurl's engine, so that the library can add cookies to it.
-    // libcurl drops a custom Cookie header when a redirect leaves the host.
-    std::string cookie = request.headers.value("Cookie").value_or("");
-    const std::string stored = CookieStorage::shared().headerValue(request.url);
-    if (!stored.empty()) cookie = cookie.empty() ? stored : cookie + "; " + stored;
+    // libcurl drops a custom Cookie header when a redirect leaves the host. The request's own
+    // Cookie header and the stored cookies often carry the same cookies: each goes once.
+    const std::string cookie =
+        CookieStorage::shared().headerValue(request.url, request.headers.value("Cookie").value_or(""));
 
     bool hasAcceptEncoding = false;
     auto append = [&](const std::string& line) {

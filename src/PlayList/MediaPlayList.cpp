@@ -6,7 +6,6 @@
 #include "PlayList/RewrittenUrl.h"
 #include "Utils/URLExtension.h"
 #include "ovalto/OVALog.h"
-#include "ovalto/Ovalto.h"
 
 #include <algorithm>
 #include <charconv>
@@ -205,7 +204,7 @@ bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url
     auto* representation = dynamic_cast<Representation*>(&container);
     if (representation == nullptr) return false;
     // The whole text is copied into the message only when the line would be written.
-    if (Ovalto::logLevel.load(std::memory_order_relaxed) <= OVALogLevel::debug) {
+    if (OVALogThreshold.load(std::memory_order_relaxed) <= OVALogLevel::debug) {
         std::string message(parseFunction);
         message += " : original\n";
         message += playList;

@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <set>
 #include <thread>
 
 using namespace ovalto;
@@ -45,6 +46,11 @@ public:
         std::lock_guard lock(mutex_);
         overrides_[path] = {status, std::move(body), std::move(type)};
     }
+    // A "Set-Cookie" field on every response.
+    void setCookie(std::string cookie) {
+        std::lock_guard lock(mutex_);
+        setCookie_ = std::move(cookie);
+    }
     void throttle(const std::string& suffix, std::chrono::milliseconds delay) {
         std::lock_guard lock(mutex_);
         throttles_[suffix] = delay;
@@ -72,6 +78,7 @@ private:
         std::chrono::milliseconds delay{0};
         {
             std::lock_guard lock(mutex_);
+            if (!setCookie_.empty()) response.set_header("Set-Cookie", setCookie_);
             requests_.push_back({request.method, request.path, request.get_header_value("Cookie"),
                                  request.get_header_value("X-Test")});
             if (auto it = overrides_.find(request.path); it != overrides_.end()) override = it->second;
@@ -97,6 +104,7 @@ private:
     mutable std::mutex mutex_;
     std::map<std::string, Override> overrides_;
     std::map<std::string, std::chrono::milliseconds> throttles_;
+    std::string setCookie_;
     std::vector<Request> requests_;
     test::LoopbackServer server_; // last: stops before the state above goes
 };
@@ -303,7 +311,9 @@ TEST_F(FacadeTest, NonHlsAndFileUrlsArePlayedDirectly) {
     EXPECT_EQ(static_cast<int>(origin.requests().size()), before) << "a file URL is not probed";
 }
 
-TEST_F(FacadeTest, CookieHeaderBecomesCookiesOnPlaylistRequests) {
+TEST_F(FacadeTest, ConfiguredAndServerCookiesGoOnceWithEveryRequest) {
+    platform::CookieStorage::shared().removeAll();
+    origin.setCookie("srv=1; Path=/");
     auto facade = Ovalto::create();
     facade->configurations[ConfigurationKey::httpHeaders] = Headers{{"Cookie", "a=1; b=2;c"}};
     ASSERT_TRUE(prepare(facade, origin.url("/master.m3u8")).prepared);
@@ -311,16 +321,33 @@ TEST_F(FacadeTest, CookieHeaderBecomesCookiesOnPlaylistRequests) {
     for (const auto& cookie :
          platform::CookieStorage::shared().cookies(*platform::Url::parse(origin.url("/"))))
         names.push_back(cookie.name);
-    EXPECT_NE(std::find(names.begin(), names.end(), "a"), names.end());
-    EXPECT_NE(std::find(names.begin(), names.end(), " b"), names.end());
-    EXPECT_EQ(std::find(names.begin(), names.end(), "c"), names.end());
-    bool sent = false;
-    for (const auto& request : origin.requests())
-        if (request.method == "GET" && request.path.ends_with("media.m3u8")) {
-            sent = sent || (request.cookie.find("a=1") != std::string::npos &&
-                            request.cookie.find(" b=2") != std::string::npos);
+    EXPECT_EQ(names, (std::vector<std::string>{"a", " b", "srv"}));
+    playToEnd(facade->playerItem());
+
+    // The probe goes before the server has set its cookie; everything after carries it too.
+    // Playlist requests add the configured header, segment requests the asset's cookies: both
+    // meet the stored cookies, and each cookie still goes once.
+    const auto requests = origin.requests();
+    ASSERT_GT(requests.size(), 3u);
+    EXPECT_EQ(requests.front().method, "HEAD");
+    EXPECT_EQ(requests.front().cookie, "a=1; b=2; c");
+    bool segment = false;
+    for (std::size_t i = 1; i < requests.size(); ++i) {
+        SCOPED_TRACE(requests[i].method + " " + requests[i].path + ": " + requests[i].cookie);
+        std::multiset<std::string> names;
+        for (std::size_t start = 0; start < requests[i].cookie.size();) {
+            auto end = std::min(requests[i].cookie.find(';', start), requests[i].cookie.size());
+            auto piece = requests[i].cookie.substr(start, end - start);
+            names.insert(
+                piece.substr(piece.find_first_not_of(' '), piece.find('=') - piece.find_first_not_of(' ')));
+            start = end + 1;
         }
-    EXPECT_TRUE(sent) << "playlist requests carry the stored cookies";
+        for (const char* name : {"a", "b", "srv"})
+            EXPECT_EQ(names.count(name), 1u) << name;
+        segment = segment || !requests[i].path.ends_with(".m3u8");
+    }
+    EXPECT_TRUE(segment) << "segment requests were seen";
+    origin.setCookie({});
     platform::CookieStorage::shared().removeAll();
 }
 
@@ -384,6 +411,41 @@ TEST_F(FacadeTest, TracksAreListedAndSelected) {
     playToEnd(facade->playerItem());
     EXPECT_GT(origin.count("/audio/ja/seg"), 0);
     EXPECT_EQ(origin.count("/audio/en/seg"), 0);
+}
+
+TEST_F(FacadeTest, EveryPreparationEndsInOneNotificationWhenALaterOneReplacesIt) {
+    const struct {
+        const char* what;
+        std::string second;
+        int prepared, failed; // notifications for the two calls together
+    } cases[] = {
+        {"both playable", "/master.m3u8", 2, 0},
+        {"the later one fails: the replaced one ends with it", "/missing/master.m3u8", 0, 2},
+    };
+    // The first asset is still loading when the second call replaces it.
+    origin.throttle("/media.m3u8", 300ms);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto facade = Ovalto::create(listener);
+        std::atomic<int> prepared{0}, failed{0};
+        auto& center = platform::NotificationCenter::defaultCenter();
+        auto tokens = {
+            center.addObserver(OvaltoPreparationNotification, facade,
+                               [&](const platform::Notification&) { ++prepared; }),
+            center.addObserver(OvaltoErrorNotification, facade, [&](const platform::Notification& note) {
+                auto error = std::any_cast<platform::Error>(note.userInfo.at(OvaltoErrorUserInfoKey));
+                if (errorCode(error) == 0x8201) ++failed;
+            })};
+        facade->prepare(*platform::Url::parse(origin.url("/master.m3u8")));
+        facade->prepare(*platform::Url::parse(origin.url(c.second)));
+        EXPECT_TRUE(runUntil([&] { return prepared + failed == c.prepared + c.failed; }));
+        runUntil([] { return false; }, 1s); // room for a notification too many
+        EXPECT_EQ(prepared.load(), c.prepared);
+        EXPECT_EQ(failed.load(), c.failed);
+        EXPECT_EQ(facade->playerItem() != nullptr, c.prepared > 0);
+        for (auto token : tokens)
+            center.removeObserver(token);
+    }
 }
 
 TEST_F(FacadeTest, SecondPreparationReplacesTheItemAndReleaseEndsTheSession) {

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <thread>
 
 using namespace ovalto::platform;
 using ovalto::test::LoopbackServer;
@@ -90,6 +91,14 @@ LoopbackServer::Routes routes() {
                 return false; // drops the connection before the announced length
             });
         });
+        // One byte every 100 ms: never idle, never done (until the client goes).
+        http.Get("/drip", [](Request, Response response) {
+            response.set_chunked_content_provider("text/plain", [](size_t offset, httplib::DataSink& sink) {
+                if (offset >= 600) return false;
+                std::this_thread::sleep_for(100ms);
+                return sink.write("x", 1);
+            });
+        });
         http.Get(R"(/status/(\d+))", [](Request request, Response response) {
             response.status = std::stoi(request.matches[1]);
             if (response.status != 204) response.set_content("status", "text/plain");
@@ -164,9 +173,25 @@ TEST_F(UrlSessionTest, StoresResponseCookiesAndSendsThemBack) {
     ASSERT_EQ(stored.size(), 2u);
     EXPECT_TRUE(stored[1].expires);
 
-    auto next = request(server.url("/cookies"));
-    next.addValue("mine=0", "Cookie");
-    EXPECT_EQ(perform(next).data, "mine=0; a=1; b=2");
+    // One Cookie header, each cookie once: the request's own first, then the stored ones it lacks.
+    const struct {
+        const char* what;
+        std::vector<std::string> written; // Cookie fields added to the request
+        const char* sent;
+    } cases[] = {
+        {"stored only", {}, "a=1; b=2"},
+        {"another cookie", {"mine=0"}, "mine=0; a=1; b=2"},
+        {"the stored ones again", {"a=1; b=2;c"}, "a=1; b=2; c"},
+        {"a blank before a name", {" b=2"}, "b=2; a=1"},
+        {"the request's value wins", {"a=9"}, "a=9; b=2"},
+        {"two fields join", {"x=1", "x=2", "y=3"}, "x=1; y=3; a=1; b=2"},
+    };
+    for (const auto& c : cases) {
+        auto next = request(server.url("/cookies"));
+        for (const auto& value : c.written)
+            next.addValue(value, "Cookie");
+        EXPECT_EQ(perform(next).data, c.sent) << c.what;
+    }
 }
 
 TEST_F(UrlSessionTest, MapsTransportFailuresToUrlErrors) {
@@ -179,19 +204,26 @@ TEST_F(UrlSessionTest, MapsTransportFailuresToUrlErrors) {
     const struct {
         std::string url;
         double timeout;
+        std::optional<double> deadline;
         std::int64_t code;
         const char* description;
     } cases[] = {
-        {"http://127.0.0.1:" + std::to_string(closedPort) + "/x", 60, urlErrorCannotConnectToHost,
+        {"http://127.0.0.1:" + std::to_string(closedPort) + "/x",
+         60,
+         {},
+         urlErrorCannotConnectToHost,
          "Could not connect to the server."},
-        {server.url("/partial"), 60, urlErrorNetworkConnectionLost, "The network connection was lost."},
-        {silent.baseUrl() + "/never", 1, urlErrorTimedOut, "The request timed out."},
-        {"ftp://127.0.0.1/x", 60, urlErrorUnsupportedURL, nullptr},
-        {"file:///nonexistent/ovalto/file.m3u8", 60, urlErrorFileDoesNotExist, nullptr},
+        {server.url("/partial"), 60, {}, urlErrorNetworkConnectionLost, "The network connection was lost."},
+        {silent.baseUrl() + "/never", 1, {}, urlErrorTimedOut, "The request timed out."},
+        {server.url("/drip"), 60, 1, urlErrorTimedOut, "The request timed out."},
+        {"ftp://127.0.0.1/x", 60, {}, urlErrorUnsupportedURL, nullptr},
+        {"file:///nonexistent/ovalto/file.m3u8", 60, {}, urlErrorFileDoesNotExist, nullptr},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.url);
-        const auto outcome = perform(request(c.url, c.timeout));
+        auto sent = request(c.url, c.timeout);
+        sent.deadlineInterval = c.deadline;
+        const auto outcome = perform(sent);
         ASSERT_TRUE(outcome.error);
         EXPECT_FALSE(outcome.response);
         EXPECT_FALSE(outcome.data);

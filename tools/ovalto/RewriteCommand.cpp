@@ -5,6 +5,7 @@
 #include "PlayList/MediaPlayList.h"
 #include "PlayList/PlayListText.h"
 #include "PlayList/Presentation.h"
+#include "Resources/PlayListResource.h"
 #include "ThroughLoader.h"
 #include "Utils/URLExtension.h"
 #include "ovalto/Ovalto.h"
@@ -105,6 +106,7 @@ Input download(const platform::Url& url) {
     Input input;
     input.url = url;
     platform::UrlRequest request(url, platform::CachePolicy::reloadIgnoringLocalCacheData, 30);
+    request.deadlineInterval = PlayListResource::deadlineFactor * request.timeoutInterval;
     const auto result = sendSynchronous(*platform::UrlSession::create(), request);
     if (result.error) {
         const auto& error = *result.error;
