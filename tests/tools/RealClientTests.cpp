@@ -113,11 +113,6 @@ INSTANTIATE_TEST_SUITE_P(
                   [](const std::filesystem::path& directory) {
                       EXPECT_NEAR(durationOf(directory / "out.mp4"), 12.0, 0.5);
                   }},
-        ClientRow{"ffmpeg records 4 s of a live origin", "ffmpeg", true,
-                  "ffmpeg -nostdin -v error -i {} -map 0:v:0 -c copy -t 4 -f mp4 {out}.mp4",
-                  [](const std::filesystem::path& directory) {
-                      EXPECT_NEAR(durationOf(directory / "out.mp4"), 4.0, 1.0);
-                  }},
         ClientRow{"mpv plays to the end", "mpv", false,
                   "mpv --no-config --vo=null --ao=null --untimed --speed=10 --audio-pitch-correction=no "
                   "--really-quiet --log-file={out}.log {}",
