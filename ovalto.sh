@@ -29,7 +29,8 @@ Commands:
   bench [FILTER]       build the benchmarks (Release) and run them
   fuzz TARGET SECONDS  build the libFuzzer targets with clang and run TARGET for SECONDS
                        (targets: fuzz_attributes fuzz_master fuzz_media fuzz_key_messages
-                        fuzz_route_table fuzz_json_writer fuzz_subrip fuzz_ttml fuzz_bridge_url)
+                        fuzz_route_table fuzz_json_writer fuzz_subrip fuzz_ttml fuzz_bridge_url
+                        fuzz_rewritten_url)
   package              build (Release) and make build/release/ovalto_<version>_amd64.deb
   setup                install the Debian packages the build needs (apt-get)
   format               run clang-format over the sources

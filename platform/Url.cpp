@@ -150,6 +150,17 @@ bool isPathReference(std::string_view reference, std::size_t& question) {
     return true;
 }
 
+// Whether every "%" in `text` starts an escape of two hexadecimal digits.
+bool hasWellFormedEscapes(std::string_view text) {
+    const auto isHex = [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+    };
+    for (auto at = text.find('%'); at != std::string_view::npos; at = text.find('%', at + 1)) {
+        if (at + 2 >= text.size() || !isHex(text[at + 1]) || !isHex(text[at + 2])) return false;
+    }
+    return true;
+}
+
 } // namespace
 
 // Builds the value from the text as it stands, taking every component from uriparser's ranges.
@@ -276,6 +287,18 @@ Url Url::deletingLastPathComponent() const {
         path = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
         if (path.empty() && !scheme_ && !host_) path = "./";
     }
+    if (scheme_ && path.starts_with('/')) {
+        // A shorter absolute path of the same URL is a URL as it stands: no second parse (the
+        // redirect of every segment takes its master's directory).
+        Url url;
+        url.text_ = std::make_shared<const std::string>(text().substr(0, pathBegin_) + path);
+        url.scheme_ = scheme_;
+        url.host_ = host_;
+        url.port_ = port_;
+        url.pathBegin_ = pathBegin_;
+        url.pathEnd_ = url.text_->size();
+        return url;
+    }
     auto url = parse(text().substr(0, pathBegin_) + path);
     return url ? *url : *this;
 }
@@ -300,15 +323,38 @@ Url Url::appendingPathComponent(std::string_view component) const {
     std::string text = this->text().substr(0, pathEnd_);
     if (!endsWithSlash && !component.starts_with('/') && !(path.empty() && !scheme_ && !host_)) text += '/';
     text += escapedComponent(component, false);
+    const std::size_t pathEnd = text.size();
+    Part queryPart, fragmentPart;
     if (query) {
+        queryPart.begin = text.size() + 1;
         text += '?' + escapedComponent(*query, true);
     } else if (query_) {
+        queryPart.begin = text.size() + 1;
         text += '?' + *this->query();
     }
+    if (queryPart) queryPart.length = text.size() - queryPart.begin;
     if (fragment) {
+        fragmentPart.begin = text.size() + 1;
         text += '#' + escapedComponent(*fragment, true);
     } else if (fragment_) {
+        fragmentPart.begin = text.size() + 1;
         text += '#' + *this->fragment();
+    }
+    if (fragmentPart) fragmentPart.length = text.size() - fragmentPart.begin;
+    // Behind an authority, the appended text can only be a path, query and fragment, and with
+    // well-formed escapes it is valid as it stands: no second parse (every segment moved onto an
+    // edge comes this way).
+    if (host_ && hasWellFormedEscapes(std::string_view(text).substr(pathEnd_))) {
+        Url url;
+        url.text_ = std::make_shared<const std::string>(std::move(text));
+        url.scheme_ = scheme_;
+        url.host_ = host_;
+        url.port_ = port_;
+        url.pathBegin_ = pathBegin_;
+        url.pathEnd_ = pathEnd;
+        url.query_ = queryPart;
+        url.fragment_ = fragmentPart;
+        return url;
     }
     auto url = parse(text);
     return url ? *url : *this;

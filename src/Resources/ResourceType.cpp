@@ -1,5 +1,6 @@
 #include "Resources/ResourceType.h"
 
+#include "PlayList/RewrittenUrl.h"
 #include "Resources/FairPlayKeyResource.h"
 #include "Resources/KeyResource.h"
 #include "Resources/PlayListResource.h"
@@ -17,13 +18,13 @@ std::optional<ResourceType> ResourceType::fromRawValue(std::string_view rawValue
 std::string_view ResourceType::rawValue() const {
     switch (value_) {
     case playlist:
-        return "cplp";
+        return RewrittenUrl::playListScheme;
     case key:
-        return "ckey";
+        return RewrittenUrl::keyScheme;
     case redirect:
-        return "rdtp";
+        return RewrittenUrl::redirectScheme;
     case fairplay:
-        return "skd";
+        return RewrittenUrl::fairPlayScheme;
     }
     return {};
 }

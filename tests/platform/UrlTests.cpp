@@ -150,8 +150,13 @@ TEST(UrlPathEditing, DeletesAndAppendsComponents) {
         {"http://h/", "http://h/"},
         {"HTTP://H/A%2f/./b.m3u8?s=%2F", "HTTP://H/A%2f/./"},
     };
-    for (const auto& c : deleting)
-        EXPECT_EQ(url(c.base).deletingLastPathComponent().absoluteString(), c.expected);
+    for (const auto& c : deleting) {
+        const Url directory = url(c.base).deletingLastPathComponent();
+        EXPECT_EQ(directory.absoluteString(), c.expected);
+        EXPECT_FALSE(directory.query()) << c.base;
+        EXPECT_FALSE(directory.fragment()) << c.base;
+        EXPECT_EQ(directory.path(), url(c.expected).path()) << c.base;
+    }
 
     const struct {
         const char* base;
@@ -164,13 +169,26 @@ TEST(UrlPathEditing, DeletesAndAppendsComponents) {
         {"http://h", "a", "http://h/a"},
         {"http://h/p?k=v", "a", "http://h/p/a?k=v"},
         {"http://h/p?k=v", "a?x", "http://h/p/a?x"},
+        {"http://h:8/p?k=v#f", "a?x#y", "http://h:8/p/a?x#y"},
+        {"http://h/p#f", "a", "http://h/p/a#f"},
         {"http://h/p", "a b", "http://h/p/a%20b"},
         {"http://h/p", "x/y", "http://h/p/x/y"},
         {"HTTP://H/P%2f", "s%2F1.ts?sig=a%2fb", "HTTP://H/P%2f/s%2F1.ts?sig=a%2fb"},
     };
-    for (const auto& c : appending)
-        EXPECT_EQ(url(c.base).appendingPathComponent(c.component).absoluteString(), c.expected)
-            << c.component;
+    for (const auto& c : appending) {
+        const Url appended = url(c.base).appendingPathComponent(c.component);
+        EXPECT_EQ(appended.absoluteString(), c.expected) << c.component;
+        // Built without a second parse: its parts must be what a parse of its text finds.
+        const Url parsed = url(c.expected);
+        EXPECT_EQ(appended.scheme(), parsed.scheme()) << c.component;
+        EXPECT_EQ(appended.host(), parsed.host()) << c.component;
+        EXPECT_EQ(appended.port(), parsed.port()) << c.component;
+        EXPECT_EQ(appended.path(), parsed.path()) << c.component;
+        EXPECT_EQ(appended.query(), parsed.query()) << c.component;
+        EXPECT_EQ(appended.fragment(), parsed.fragment()) << c.component;
+    }
+    // An escape that is not one leaves the URL unchanged, as a text that does not parse would.
+    EXPECT_EQ(url("http://h/p").appendingPathComponent("a%zz").absoluteString(), "http://h/p");
 }
 
 TEST(UrlFile, EncodesLocalPaths) {
