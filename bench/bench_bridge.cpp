@@ -91,7 +91,8 @@ struct Setup {
         auto token = platform::NotificationCenter::defaultCenter().addObserver(
             OvaltoPreparationNotification, facade, [&](const platform::Notification&) { prepared = true; });
         facade->prepare(*platform::Url::parse(origin.baseUrl() + "/vod/master.m3u8"));
-        auto tick = platform::Timer::scheduledTimer(std::chrono::milliseconds(10), true, [](platform::Timer&) {});
+        auto tick =
+            platform::Timer::scheduledTimer(std::chrono::milliseconds(10), true, [](platform::Timer&) {});
         platform::RunLoop::main().runUntil([&] { return prepared; }, Clock::now() + std::chrono::seconds(20));
         tick->invalidate();
         platform::NotificationCenter::defaultCenter().removeObserver(token);
@@ -112,16 +113,17 @@ struct Setup {
         auto segment = client.Get(segmentPath.c_str());
         if (!segment || segment->status != 302) return;
 
-        plain = std::make_unique<Server>([playlistBody = playlist->body, location = segment->get_header_value(
-                                                                               "Location")](httplib::Server& server) {
-            server.Get(".*", [=](const httplib::Request& req, httplib::Response& res) {
-                if (req.path.ends_with(".m3u8")) {
-                    res.set_content(playlistBody, "application/vnd.apple.mpegurl");
-                } else {
-                    res.set_redirect(location, 302);
-                }
+        plain = std::make_unique<Server>(
+            [playlistBody = playlist->body,
+             location = segment->get_header_value("Location")](httplib::Server& server) {
+                server.Get(".*", [=](const httplib::Request& req, httplib::Response& res) {
+                    if (req.path.ends_with(".m3u8")) {
+                        res.set_content(playlistBody, "application/vnd.apple.mpegurl");
+                    } else {
+                        res.set_redirect(location, 302);
+                    }
+                });
             });
-        });
         ready = true;
     }
 };
@@ -187,8 +189,10 @@ void measure(benchmark::State& state, bool playlist) {
         }
         bridgeSeconds += throughBridge.seconds;
         plainSeconds += throughPlain.seconds;
-        bridgeLatencies.insert(bridgeLatencies.end(), throughBridge.latencies.begin(), throughBridge.latencies.end());
-        plainLatencies.insert(plainLatencies.end(), throughPlain.latencies.begin(), throughPlain.latencies.end());
+        bridgeLatencies.insert(bridgeLatencies.end(), throughBridge.latencies.begin(),
+                               throughBridge.latencies.end());
+        plainLatencies.insert(plainLatencies.end(), throughPlain.latencies.begin(),
+                              throughPlain.latencies.end());
     }
     const double bridgeRps = static_cast<double>(bridgeLatencies.size()) / bridgeSeconds;
     const double plainRps = static_cast<double>(plainLatencies.size()) / plainSeconds;
@@ -207,7 +211,13 @@ void BM_BridgeSegmentRedirect(benchmark::State& state) {
     measure(state, false);
 }
 
-BENCHMARK(BM_BridgePlaylist)->Arg(1)->Arg(8)->Arg(64)->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_BridgePlaylist)
+    ->Arg(1)
+    ->Arg(8)
+    ->Arg(64)
+    ->Iterations(3)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_BridgeSegmentRedirect)
     ->Arg(1)
     ->Arg(8)
