@@ -6,7 +6,7 @@
 #include "PlayList/MasterPlayList.h"
 #include "PlayList/PlayListText.h"
 #include "PlayList/Presentation.h"
-#include "ovalto/Ovalto.h"
+#include "ovalto/OVALog.h"
 
 #include <cstdint>
 
@@ -31,7 +31,7 @@ std::optional<std::pair<long, std::int32_t>> mediaUri(std::string_view line) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    Ovalto::logLevel = OVALogLevel::silent;
+    OVALogThreshold = OVALogLevel::silent;
     const std::string_view input(reinterpret_cast<const char*>(data), size);
 
     Presentation presentation;

@@ -7,7 +7,7 @@
 #include "PlayList/MediaPlayList.h"
 #include "PlayList/PlayListText.h"
 #include "PlayList/Representation.h"
-#include "ovalto/Ovalto.h"
+#include "ovalto/OVALog.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -163,7 +163,7 @@ void parseAndGenerate(Representation& representation, std::string_view input) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    Ovalto::logLevel = OVALogLevel::silent;
+    OVALogThreshold = OVALogLevel::silent;
     const std::string_view input(reinterpret_cast<const char*>(data), size);
     // The number readers' shortcuts read the whole input as the general readers do.
     const std::string_view head = input.substr(0, 40);

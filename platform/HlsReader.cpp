@@ -274,6 +274,8 @@ bool HlsReader::isPlaylist(std::string_view text) {
 
 std::optional<HlsReader::Playlist> HlsReader::read(std::string_view text, const Url& base) {
     if (!isPlaylist(text)) return std::nullopt;
+    // The mark is no part of the first line: left there, "#EXTM3U" would read as a URI line.
+    if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
     const auto all = lines(text);
     bool master = false;
     bool media = false;

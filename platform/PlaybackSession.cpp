@@ -3,10 +3,12 @@
 #include "platform/Asset.h"
 #include "platform/AssetResourceLoader.h"
 #include "platform/DispatchQueue.h"
+#include "platform/SegmentCipher.h"
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <random>
 
 namespace ovalto::platform {
 
@@ -20,7 +22,14 @@ constexpr double switchDownFactor = 1.2; // below this multiple of the current b
 constexpr double liveEdgeDistance = 3;   // target durations between the live edge and the start
 constexpr double throughputWeight = 0.3; // of a new sample in the smoothed throughput
 
-enum PlayerErrorCode : std::int64_t { playerErrorNotPlayable = 1, playerErrorBadPlaylist = 2 };
+enum PlayerErrorCode : std::int64_t {
+    playerErrorNotPlayable = 1,
+    playerErrorBadPlaylist = 2,
+    playerErrorLiveStalled = 3,
+    playerErrorUndecryptable = 4, // a protected segment without a usable key, or not media once decrypted
+};
+constexpr double stallTargetDurations = 3; // of an unchanged live playlist before it counts as stalled
+constexpr std::string_view protectedKeyScheme = "skd";
 
 Error playerError(PlayerErrorCode code, std::string description) {
     return Error{playerErrorDomain, code, std::move(description), {}};
@@ -42,7 +51,9 @@ PlaybackSession::PlaybackSession(const Key&, std::shared_ptr<PlayerItem> item,
                                  std::shared_ptr<DispatchQueue> queue, PlayerSettings settings)
     : item_(std::move(item))
     , queue_(std::move(queue))
-    , settings_(settings) {}
+    , settings_(settings)
+    , backoff_(settings.retryDelay, settings.maximumRetryDelay, settings.retryWindow,
+               std::random_device{}()) {}
 
 // Hops a fetch completion onto the queue, for as long as the session lives.
 template <class Work> MediaFetcher::Completion PlaybackSession::whenFetched(Work work) {
@@ -198,8 +209,9 @@ void PlaybackSession::setTrackUrl(Role role, const Url& url, std::optional<doubl
     track.playlist.reset();
     track.starts.clear();
     track.complete = false;
-    track.playlistAttempts = 0;
-    track.segmentAttempts = 0;
+    track.playlistFailures = {};
+    track.segmentFailures = {};
+    track.stalled = false;
     if (flushTo && track.positioned) track.bufferedEnd = std::min(track.bufferedEnd, *flushTo);
     // Companions are placed on the main playlist's timeline, so they wait for it.
     const auto main = tracks_.find(Role::main);
@@ -262,17 +274,16 @@ void PlaybackSession::playlistLoaded(Role role, std::uint64_t generation, FetchR
     Track& track = found->second;
     track.playlistTask.reset();
     if (result.error) {
-        logError(result);
-        if (++track.playlistAttempts < settings_.attempts) {
-            track.reloadTimer = after(settings_.retryDelay, [role, generation](PlaybackSession& self) {
-                auto again = self.tracks_.find(role);
-                if (again != self.tracks_.end() && again->second.playlistGeneration == generation) {
-                    self.loadPlaylist(role);
-                }
-            });
-            return;
-        }
-        return fail(*result.error);
+        const auto wait = retryOrFail(track, track.playlistFailures, result);
+        if (!wait) return;
+        track.reloadTimer = after(*wait, [role, generation](PlaybackSession& self) {
+            auto again = self.tracks_.find(role);
+            if (again != self.tracks_.end() && again->second.playlistGeneration == generation) {
+                again->second.reloadTimer.reset();
+                self.loadPlaylist(role);
+            }
+        });
+        return;
     }
     auto parsed = HlsReader::read(result.data.value_or(Data()), result.baseUrl());
     auto* media = parsed ? std::get_if<HlsMediaPlaylist>(&*parsed) : nullptr;
@@ -282,7 +293,7 @@ void PlaybackSession::playlistLoaded(Role role, std::uint64_t generation, FetchR
         logError(result);
         return fail(*result.error);
     }
-    track.playlistAttempts = 0;
+    track.playlistFailures = {};
     acceptPlaylist(track, std::move(*media));
 }
 
@@ -300,6 +311,7 @@ void PlaybackSession::acceptPlaylist(Track& track, HlsMediaPlaylist playlist) {
         }
     }
     if (track.playlist->isLive()) {
+        watchForStall(track, changed || first);
         scheduleReload(role, changed);
         if (role == Role::main) item_->setDuration(MediaTime::indefiniteTime());
     } else if (role == Role::main) {
@@ -433,11 +445,24 @@ void PlaybackSession::pumpTrack(Track& track) {
             return;
         }
     }
+    track.decryption.reset();
     if (segment.key && segment.key->uri) {
         auto key = keys_.find(segment.key->uri->absoluteString());
         if (key == keys_.end() || !key->second) {
             requestKey(*segment.key->uri);
             return; // the key's arrival pumps again
+        }
+        // Whole segments under an "skd" key are this platform's protection; sample-level
+        // encryption (SAMPLE-AES) is left to a decoder, which a headless player does not have.
+        if (segment.key->uri->scheme() == protectedKeyScheme && segment.key->method == "AES-128") {
+            auto decryption = decryptionFor(segment);
+            if (auto* error = std::get_if<Error>(&decryption)) {
+                FetchResult result(segment.uri);
+                result.error = *error;
+                logError(result);
+                return fail(*error);
+            }
+            track.decryption = std::get<std::pair<ContentKey, Data>>(std::move(decryption));
         }
     }
     fetchMedia(track, {segment.uri, segment.byteRange, false}, std::nullopt, start, start + segment.duration);
@@ -470,19 +495,18 @@ void PlaybackSession::mediaLoaded(Role role, std::uint64_t generation, std::opti
     Track& track = found->second;
     track.segmentTask.reset();
     if (result.error) {
-        logError(result);
-        if (++track.segmentAttempts < settings_.attempts) {
-            track.retryTimer = after(settings_.retryDelay, [role, generation](PlaybackSession& self) {
-                auto again = self.tracks_.find(role);
-                if (again == self.tracks_.end() || again->second.segmentGeneration != generation) return;
-                again->second.retryTimer.reset();
-                self.pump();
-            });
-            return;
-        }
-        return fail(*result.error);
+        const auto wait = retryOrFail(track, track.segmentFailures, result);
+        if (!wait) return;
+        track.retryTimer = after(*wait, [role, generation](PlaybackSession& self) {
+            auto again = self.tracks_.find(role);
+            if (again == self.tracks_.end() || again->second.segmentGeneration != generation) return;
+            again->second.retryTimer.reset();
+            self.pump();
+        });
+        return;
     }
-    track.segmentAttempts = 0;
+    if (!initKey && !decrypt(track, result)) return;
+    track.segmentFailures = {};
     if (initKey) {
         track.initSections.insert(*initKey);
     } else {
@@ -527,9 +551,55 @@ void PlaybackSession::keyLoaded(const std::string& key, FetchResult result) {
         logError(result);
         return fail(*result.error);
     }
+    if (result.url.scheme() == protectedKeyScheme) {
+        auto contentKey = ContentKey::fromKeyAnswer(result.data.value_or(Data()), result.contentType,
+                                                    result.keySession, result.url.host().value_or(""));
+        if (auto* error = std::get_if<Error>(&contentKey)) {
+            result.error = *error;
+            logError(result);
+            return fail(*error);
+        }
+        contentKeys_.insert_or_assign(key, std::get<ContentKey>(std::move(contentKey)));
+    }
     keys_[key] = true;
     pump();
     update();
+}
+
+std::variant<std::pair<ContentKey, Data>, Error>
+PlaybackSession::decryptionFor(const HlsSegment& segment) const {
+    const std::string uri = segment.key->uri->absoluteString();
+    auto found = contentKeys_.find(uri);
+    if (found == contentKeys_.end())
+        return playerError(playerErrorUndecryptable, "No content key was obtained from " + uri + ".");
+    if (found->second.isExpired())
+        return playerError(playerErrorUndecryptable, "The content key from " + uri + " has expired.");
+    Data iv = found->second.iv;
+    if (segment.key->iv) {
+        auto given = SegmentCipher::ivFromAttribute(*segment.key->iv);
+        if (!given)
+            return playerError(playerErrorUndecryptable, "The IV of the key " + uri + " is not valid.");
+        iv = std::move(*given);
+    }
+    return std::pair{found->second, std::move(iv)};
+}
+
+bool PlaybackSession::decrypt(Track& track, FetchResult& result) {
+    auto decryption = std::exchange(track.decryption, std::nullopt);
+    if (!decryption) return true;
+    const auto& [contentKey, iv] = *decryption;
+    auto clear = SegmentCipher::decrypt(result.data.value_or(Data()), contentKey.key, iv);
+    if (clear && SegmentCipher::looksLikeMedia(*clear)) {
+        result.data = std::move(*clear);
+        return true;
+    }
+    // Garbage must never reach the decoder: a wrong or damaged key ends playback.
+    result.error = playerError(playerErrorUndecryptable, "The segment " + result.url.absoluteString() +
+                                                             " cannot be decrypted with the key for " +
+                                                             contentKey.assetId + ".");
+    logError(result);
+    fail(*result.error);
+    return false;
 }
 
 void PlaybackSession::considerSwitch(const FetchResult& result) {
@@ -682,7 +752,7 @@ void PlaybackSession::seek(double target, std::function<void(bool)> completion) 
     }
     for (auto& [role, track] : tracks_) {
         cancelDownloads(track, false);
-        track.segmentAttempts = 0;
+        track.segmentFailures = {};
         if (!track.positioned) continue;
         track.bufferedEnd = target;
         track.complete = false;
@@ -762,7 +832,45 @@ void PlaybackSession::finishSeeks(bool finished) {
         completion(finished);
 }
 
-void PlaybackSession::logError(const FetchResult& result) {
+std::optional<RetryBackoff::Clock::duration> PlaybackSession::retryOrFail(Track& track, Failures& failures,
+                                                                          const FetchResult& result) {
+    std::optional<RetryBackoff::Clock::duration> wait;
+    if (RetryBackoff::isTransient(*result.error)) {
+        // A player that waits for media is starved whatever it holds; a paused one keeps its
+        // buffer, so it keeps trying.
+        const bool buffered = ready_ && !waiting_ && track.positioned && track.bufferedEnd - now() > epsilon;
+        wait = backoff_.next(++failures.count, buffered, failures.starvedSince);
+    }
+    logError(result, wait);
+    if (!wait) fail(*result.error);
+    return wait;
+}
+
+void PlaybackSession::watchForStall(Track& track, bool changed) {
+    const auto at = RetryBackoff::Clock::now();
+    if (changed) {
+        track.changedAt = at;
+        track.stalled = false; // playback picks up the new segments by itself
+        return;
+    }
+    const double target = std::max(track.playlist->targetDuration, 0.1);
+    const double unchanged = std::chrono::duration<double>(at - track.changedAt).count();
+    if (track.stalled || unchanged <= stallTargetDurations * target) return;
+    track.stalled = true;
+    ErrorLogEvent event;
+    event.date = std::chrono::system_clock::now();
+    event.URI = track.url ? std::optional(track.url->absoluteString()) : std::nullopt;
+    event.playbackSessionID = item_->playbackSessionID();
+    event.errorStatusCode = playerErrorLiveStalled;
+    event.errorDomain = playerErrorDomain;
+    event.errorComment = "The live playlist has not changed for " +
+                         std::to_string(static_cast<long>(std::lround(unchanged))) + " s.";
+    event.isFatal = false;
+    item_->addErrorLogEvent(std::move(event));
+}
+
+void PlaybackSession::logError(const FetchResult& result,
+                               std::optional<RetryBackoff::Clock::duration> retryIn) {
     ErrorLogEvent event;
     event.date = std::chrono::system_clock::now();
     event.URI = (result.redirectedTo ? *result.redirectedTo : result.url).absoluteString();
@@ -773,6 +881,12 @@ void PlaybackSession::logError(const FetchResult& result) {
         event.errorStatusCode = result.error->code;
         event.errorDomain = result.error->domain;
         event.errorComment = result.error->localizedDescription;
+    }
+    if (retryIn) {
+        event.isFatal = false;
+        event.errorComment =
+            event.errorComment.value_or("") + " Trying again in " +
+            std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(*retryIn).count()) + " ms.";
     }
     item_->addErrorLogEvent(std::move(event));
 }

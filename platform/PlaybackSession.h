@@ -1,10 +1,12 @@
 #pragma once
 
+#include "platform/ContentKey.h"
 #include "platform/HlsReader.h"
 #include "platform/MediaFetcher.h"
 #include "platform/MediaSelectionGroup.h"
 #include "platform/Player.h"
 #include "platform/PlayerItem.h"
+#include "platform/RetryBackoff.h"
 
 #include <chrono>
 #include <cstdint>
@@ -14,6 +16,8 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
+#include <variant>
 #include <vector>
 
 namespace ovalto::platform {
@@ -42,6 +46,12 @@ public:
 private:
     enum class Role { main, audio, subtitles };
 
+    // A run of failed downloads of one kind on one track.
+    struct Failures {
+        int count = 0;
+        std::optional<RetryBackoff::Clock::time_point> starvedSince;
+    };
+
     struct Track {
         Role role = Role::main;
         std::optional<Url> url;
@@ -59,8 +69,12 @@ private:
         std::shared_ptr<DispatchWorkItem> reloadTimer;
         std::shared_ptr<DispatchWorkItem> retryTimer;
         std::set<std::string> initSections;
-        int playlistAttempts = 0;
-        int segmentAttempts = 0;
+        Failures playlistFailures;
+        Failures segmentFailures;
+        RetryBackoff::Clock::time_point changedAt{}; // when a reload last brought something new
+        bool stalled = false;                        // a live playlist that stopped changing
+        // How the segment being fetched is decrypted; none for a clear one.
+        std::optional<std::pair<ContentKey, Data>> decryption;
 
         bool gatesPlayback() const { return role != Role::subtitles; }
     };
@@ -91,6 +105,9 @@ private:
     void recordMediaRequest(const FetchResult& result);
     void requestKey(const Url& uri);
     void keyLoaded(const std::string& key, FetchResult result);
+    // Key and IV for a segment under an "skd" key; the error when there is no usable key.
+    std::variant<std::pair<ContentKey, Data>, Error> decryptionFor(const HlsSegment& segment) const;
+    bool decrypt(Track& track, FetchResult& result);
     void considerSwitch(const FetchResult& result);
 
     // State
@@ -102,7 +119,11 @@ private:
     void setClock(double anchor, double limit);
     void fail(const Error& error);
     void finishSeeks(bool finished);
-    void logError(const FetchResult& result);
+    // Logs a failed download; the wait before trying again, or none once the item has failed.
+    std::optional<RetryBackoff::Clock::duration> retryOrFail(Track& track, Failures& failures,
+                                                             const FetchResult& result);
+    void logError(const FetchResult& result, std::optional<RetryBackoff::Clock::duration> retryIn = {});
+    void watchForStall(Track& track, bool changed);
     void beginAccessLogEvent(double bitrate, const Url& uri);
     double forwardTarget() const;
     void selectionChanged(MediaCharacteristic characteristic);
@@ -116,16 +137,18 @@ private:
     const std::shared_ptr<DispatchQueue> queue_;
     const PlayerSettings settings_;
     std::shared_ptr<MediaFetcher> fetcher_;
+    RetryBackoff backoff_;
     std::function<void()> onEnd_;
 
     std::optional<HlsMasterPlaylist> master_;
     std::size_t variant_ = 0;
     std::map<Role, Track> tracks_;
-    std::map<std::string, bool> keys_; // key URI -> obtained
-    std::optional<double> startAt_;    // a seek made before the presentation was open
-    std::optional<double> duration_;   // of a finished presentation
-    double rangeStart_ = 0;            // where the loaded range begins
-    double limit_ = 0;                 // how far buffered media reaches
+    std::map<std::string, bool> keys_;              // key URI -> obtained
+    std::map<std::string, ContentKey> contentKeys_; // "skd" key URI -> the key it gave
+    std::optional<double> startAt_;                 // a seek made before the presentation was open
+    std::optional<double> duration_;                // of a finished presentation
+    double rangeStart_ = 0;                         // where the loaded range begins
+    double limit_ = 0;                              // how far buffered media reaches
     double rate_ = 0;
     double throughput_ = 0; // bits per second, smoothed
     int samplesSinceSwitch_ = 0;

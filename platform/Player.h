@@ -18,8 +18,11 @@ class PlayerItem;
 struct PlayerSettings {
     double minimumBufferDuration = 2.0;  // media seconds ahead before playback starts or resumes
     double forwardBufferDuration = 30.0; // media seconds kept ahead, unless the item says otherwise
-    int attempts = 3;                    // per playlist or segment before the item fails
-    std::chrono::milliseconds retryDelay{200};
+    // A failed download is tried again after retryDelay, doubling up to maximumRetryDelay, for as
+    // long as media is buffered and for retryWindow once the buffer is empty.
+    std::chrono::milliseconds retryDelay{500};
+    std::chrono::milliseconds maximumRetryDelay{4000};
+    std::chrono::milliseconds retryWindow{10000};
     std::chrono::milliseconds tickInterval{20}; // how often the clock is checked against the buffer
 };
 

@@ -64,6 +64,9 @@ struct ErrorLogEvent {
     std::int64_t errorStatusCode = 0; // the HTTP status, or the error's code
     std::string errorDomain;
     std::optional<std::string> errorComment;
+    // False when playback goes on: the player tries the download again, or keeps reading a live
+    // playlist that has stopped changing.
+    bool isFatal = true;
 };
 
 struct ErrorLog {

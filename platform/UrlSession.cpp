@@ -569,10 +569,9 @@ void UrlSessionDataTask::resume() {
         tasks.push_back(weak_from_this());
     }
 
-    const auto scheme = request_.url.scheme();
-    if (scheme == "file") {
+    if (request_.url.hasScheme("file")) {
         state_->queue->async([self = shared_from_this()] { self->readFile(); });
-    } else if (scheme == "http" || scheme == "https") {
+    } else if (request_.url.hasScheme("http") || request_.url.hasScheme("https")) {
         // The transport first: it initialises libcurl before any handle is made.
         auto& transport = UrlTransport::shared();
         auto transfer = UrlTransport::makeTransfer(shared_from_this());

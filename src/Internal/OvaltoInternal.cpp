@@ -187,11 +187,19 @@ void OvaltoInternal::prepareWork(const platform::Url& url, const std::string& sc
         loader->customHeaders.set(customHeaders);
         newAsset->resourceLoader()->setDelegate(loader, resourceQueue);
     }
-    newAsset->loadValuesAsynchronously({platform::Asset::playableKey}, [weak = weak_from_this(), newAsset] {
-        platform::DispatchQueue::main()->async([weak, newAsset] {
+    finishWhenLoaded(newAsset);
+}
+
+void OvaltoInternal::finishWhenLoaded(const std::shared_ptr<platform::Asset>& loading) {
+    loading->loadValuesAsynchronously({platform::Asset::playableKey}, [weak = weak_from_this(), loading] {
+        platform::DispatchQueue::main()->async([weak, loading] {
             auto self = weak.lock();
-            // A later preparation has replaced this asset: its own completion creates the item.
-            if (!self || self->asset.get() != newAsset) return;
+            if (!self) return;
+            // A later preparation replaced this asset. This one still ends in its one notification,
+            // with what the current asset gives once it has loaded; the later item is then the one
+            // observed, whichever preparation finishes first.
+            if (auto current = self->asset.get(); current && current != loading)
+                return self->finishWhenLoaded(current);
             self->prepareInternal({platform::Asset::playableKey});
         });
     });
@@ -227,6 +235,7 @@ void OvaltoInternal::prepareInternal(const std::vector<std::string>& keys) {
 }
 
 void OvaltoInternal::reset() {
+    ++timerGeneration_;
     if (auto running = timer.get()) running->invalidate();
     timer.set(nullptr);
     if (auto item = observedItem_.get()) {
@@ -305,7 +314,7 @@ void OvaltoInternal::observeValue(const std::string& keyPath, const platform::Ke
     } else if (keyPath == "loadedTimeRanges") {
         const auto* ranges = std::any_cast<std::vector<platform::TimeRange>>(&change.newValue);
         if (ranges && !ranges->empty()) {
-            OVALog(OVALogLevel::debug, "buffered " + std::to_string(ranges->back().duration.seconds()),
+            OVALog(OVALogLevel::debug, "buffered " + describeDecimal(ranges->back().duration.seconds()),
                    observeFunction, __FILE__, __LINE__);
         }
     }
@@ -396,14 +405,14 @@ void OvaltoInternal::onAccessLogEvent(const std::any& argument) {
         if (last->indicatedBitrate == event.indicatedBitrate)
             size = event.numberOfBytesTransferred - last->numberOfBytesTransferred;
         double elapsed = event.transferDuration - last->transferDuration;
-        OVALog(OVALogLevel::info, "size: " + std::to_string(size) + ", elapsed: " + std::to_string(elapsed),
+        OVALog(OVALogLevel::info, "size: " + std::to_string(size) + ", elapsed: " + describeDecimal(elapsed),
                accessLogFunction, __FILE__, __LINE__);
         if (size < 0) {
             auto describe = [](const char* which, const platform::AccessLogEvent& e) {
-                return std::string(which) + std::to_string(e.indicatedBitrate) + "-(" +
+                return std::string(which) + describeDecimal(e.indicatedBitrate) + "-(" +
                        std::to_string(e.numberOfMediaRequests) + ") size - " +
                        std::to_string(e.numberOfBytesTransferred) + ", duration - " +
-                       std::to_string(e.transferDuration);
+                       describeDecimal(e.transferDuration);
             };
             OVALog(OVALogLevel::warning, describe("last ", *last), accessLogFunction, __FILE__, __LINE__);
             OVALog(OVALogLevel::warning, describe("curr ", event), accessLogFunction, __FILE__, __LINE__);

@@ -3,6 +3,7 @@
 #include "PlayList/Ext.h"
 #include "PlayList/PlayListText.h"
 #include "PlayList/Presentation.h"
+#include "PlayList/RewrittenUrl.h"
 #include "Utils/URLExtension.h"
 #include "ovalto/OVALog.h"
 
@@ -18,7 +19,6 @@ namespace {
 constexpr std::string_view fileName = "PlayList/MasterPlayList";
 constexpr std::string_view parseFunction = "parsePlayList(playList:baseUrl:container:)";
 constexpr std::string_view generateFunction = "generatePlayList(container:)";
-constexpr std::string_view mediaPlayListName = "/media.m3u8";
 
 // Counts what the writer would append: the size of a rewritten master is known before any of
 // it is written.
@@ -41,12 +41,15 @@ std::size_t decimalLength(long long value) {
     return length;
 }
 
-// "<index>/<bitrate>/media.m3u8", the relative URI of a rewritten media playlist.
-template <class Out> void appendMediaUri(Out& out, long index, std::int32_t bitrate) {
-    out += std::to_string(index);
-    out += '/';
-    out += std::to_string(bitrate);
-    out += mediaPlayListName;
+void appendMediaUri(std::string& out, long index, std::int32_t bitrate) {
+    RewrittenUrl::appendMediaPlayList(out, index, bitrate);
+}
+
+// Counted by writing it aside: the layout is RewrittenUrl's alone.
+void appendMediaUri(SizeCounter& out, long index, std::int32_t bitrate) {
+    std::string uri;
+    RewrittenUrl::appendMediaPlayList(uri, index, bitrate);
+    out += uri;
 }
 
 // Appends `name=value` elements separated by commas.

@@ -4,8 +4,8 @@
 #include "PlayList/MediaPlayList.h"
 #include "PlayList/PlayListText.h"
 #include "PlayList/Presentation.h"
+#include "PlayList/RewrittenUrl.h"
 #include "Resources/ModelLock.h"
-#include "Resources/PathComponents.h"
 #include "ovalto/OVALog.h"
 #include "ovalto/OvaltoError.h"
 #include "platform/LoadingRequest.h"
@@ -64,29 +64,24 @@ void PlayListResource::load(const std::shared_ptr<platform::LoadingRequest>& loa
     std::optional<platform::Url> fetchUrl =
         configurationValue<platform::Url>(settings, ConfigurationKey::contentUrl);
 
-    const std::string path = requestUrl.path();
-    if (path.ends_with("master.m3u8")) {
+    const auto address = RewrittenUrl::readPlayList(requestUrl);
+    if (address && address->isMaster) {
         playList = std::make_unique<MasterPlayList>();
         container = presentation;
     } else {
-        const auto components = pathComponents(path);
         std::shared_ptr<Representation> representation;
-        std::optional<long> streamIndex;
-        if (components.size() >= 3) {
-            streamIndex = playlisttext::parseInteger<long>(components[1]);
-            const auto key = playlisttext::parseInteger<std::int32_t>(components[2]);
-            if (streamIndex && key) {
-                if (auto stream = presentation->stream(*streamIndex))
-                    representation = stream->representation(*key);
-            }
+        if (address) {
+            if (auto stream = presentation->stream(address->stream))
+                representation = stream->representation(address->bitrate);
         }
         if (!representation) {
-            OVALog(OVALogLevel::error, path + " is not valid.", loadFunction, __FILE__, __LINE__);
+            OVALog(OVALogLevel::error, requestUrl.path() + " is not valid.", loadFunction, __FILE__,
+                   __LINE__);
             completion(Result::failure(inputParam("Resource URL is not valid.", 0x8301)));
             return;
         }
         fetchUrl = representation->url.get();
-        representation->streamIndex.set(streamIndex);
+        representation->streamIndex.set(address->stream);
         playList = std::make_unique<MediaPlayList>();
         container = std::move(representation);
     }

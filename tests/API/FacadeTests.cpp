@@ -413,6 +413,41 @@ TEST_F(FacadeTest, TracksAreListedAndSelected) {
     EXPECT_EQ(origin.count("/audio/en/seg"), 0);
 }
 
+TEST_F(FacadeTest, EveryPreparationEndsInOneNotificationWhenALaterOneReplacesIt) {
+    const struct {
+        const char* what;
+        std::string second;
+        int prepared, failed; // notifications for the two calls together
+    } cases[] = {
+        {"both playable", "/master.m3u8", 2, 0},
+        {"the later one fails: the replaced one ends with it", "/missing/master.m3u8", 0, 2},
+    };
+    // The first asset is still loading when the second call replaces it.
+    origin.throttle("/media.m3u8", 300ms);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto facade = Ovalto::create(listener);
+        std::atomic<int> prepared{0}, failed{0};
+        auto& center = platform::NotificationCenter::defaultCenter();
+        auto tokens = {
+            center.addObserver(OvaltoPreparationNotification, facade,
+                               [&](const platform::Notification&) { ++prepared; }),
+            center.addObserver(OvaltoErrorNotification, facade, [&](const platform::Notification& note) {
+                auto error = std::any_cast<platform::Error>(note.userInfo.at(OvaltoErrorUserInfoKey));
+                if (errorCode(error) == 0x8201) ++failed;
+            })};
+        facade->prepare(*platform::Url::parse(origin.url("/master.m3u8")));
+        facade->prepare(*platform::Url::parse(origin.url(c.second)));
+        EXPECT_TRUE(runUntil([&] { return prepared + failed == c.prepared + c.failed; }));
+        runUntil([] { return false; }, 1s); // room for a notification too many
+        EXPECT_EQ(prepared.load(), c.prepared);
+        EXPECT_EQ(failed.load(), c.failed);
+        EXPECT_EQ(facade->playerItem() != nullptr, c.prepared > 0);
+        for (auto token : tokens)
+            center.removeObserver(token);
+    }
+}
+
 TEST_F(FacadeTest, SecondPreparationReplacesTheItemAndReleaseEndsTheSession) {
     auto facade = Ovalto::create(listener);
     ASSERT_TRUE(prepare(facade, origin.url("/master.m3u8")).prepared);

@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
+
 using namespace ovalto;
 using ovalto::test::LogCapture;
 
@@ -83,6 +86,32 @@ TEST(OVALogTest, ThresholdDropsLowerLevels) {
             levels.push_back(line.substr(1, line.find(' ') - 1));
         EXPECT_EQ(levels, c.expected) << "threshold " << displayName(c.threshold);
     }
+}
+
+TEST(OVALogTest, DecimalsAreWrittenInTheirShortestForm) {
+    const struct {
+        double value;
+        const char* text;
+    } cases[] = {
+        {2.02, "2.02"},
+        {2500000.0, "2500000.0"},
+        {0.1 + 0.2, "0.30000000000000004"},
+        {-0.5, "-0.5"},
+        {0.0, "0.0"},
+        {100.0, "100.0"},
+        {1234.5678, "1234.5678"},
+        {0.0001, "0.0001"},
+        {0.00001, "1e-05"},
+        {0.000012345, "1.2345e-05"},
+        {9007199254740992.0, "9007199254740992.0"},
+        {1e20, "1e+20"},
+        {-1.5e300, "-1.5e+300"},
+        {5e-324, "5e-324"},
+        {std::numeric_limits<double>::infinity(), "inf"},
+        {std::nan(""), "nan"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(describeDecimal(c.value), c.text) << c.text;
 }
 
 TEST(MediaTypeTest, HlsTypeValuesMapToMediaTypes) {

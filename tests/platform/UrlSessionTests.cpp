@@ -310,3 +310,39 @@ TEST_F(UrlSessionTest, ManyConcurrentTasksAllComplete) {
 }
 
 } // namespace
+
+namespace {
+
+// What reaches the server is what the URL says, byte for byte: a CDN signs these.
+TEST(UrlSessionAsWritten, SendsTheTargetAndHostAsWritten) {
+    std::mutex mutex;
+    std::string target, host;
+    LoopbackServer echo([&](httplib::Server& server) {
+        server.Get(".*", [&](const httplib::Request& request, httplib::Response& response) {
+            std::lock_guard lock(mutex);
+            target = request.target;
+            host = request.get_header_value("Host");
+            response.set_content("ok", "text/plain");
+        });
+    });
+    const char* paths[] = {
+        "/v/seg%2f1.ts?sig=a%2fb",
+        "/v/seg%2F1.ts?sig=a%2Fb&exp=9",
+        "/~user/%7Euser/a.ts?t=~",
+        "/A/B.TS?Q=%41",
+    };
+    for (const char* path : paths) {
+        const auto outcome = perform(request(echo.url(path)));
+        ASSERT_FALSE(outcome.error) << path;
+        std::lock_guard lock(mutex);
+        EXPECT_EQ(target, path);
+        EXPECT_EQ(outcome.response->url.absoluteString(), echo.url(path));
+    }
+    const std::string upper = "HTTP://LocalHost:" + std::to_string(echo.port()) + "/x.ts";
+    const auto outcome = perform(request(upper));
+    ASSERT_FALSE(outcome.error) << outcome.error->localizedDescription;
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(host, "LocalHost:" + std::to_string(echo.port()));
+}
+
+} // namespace

@@ -144,6 +144,21 @@ TEST(HlsReader, RejectsWhatIsNotAUsablePlaylist) {
     EXPECT_TRUE(HlsReader::isPlaylist("\xEF\xBB\xBF#EXTM3U\n"));
 }
 
+TEST(HlsReader, AByteOrderMarkIsReadPast) {
+    // Editors and some origins write the mark; players read such playlists like any other.
+    const std::string mark = "\xEF\xBB\xBF";
+    const auto withMark = master(mark + masterText);
+    ASSERT_EQ(withMark.variants.size(), 2u);
+    EXPECT_EQ(withMark.variants[0].uri.absoluteString(), "http://127.0.0.1:8080/live/low/media.m3u8");
+    EXPECT_EQ(withMark.renditions.size(), 5u);
+    const auto segments =
+        media(mark + "#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXTINF:2,\na.ts\n#EXT-X-ENDLIST\n");
+    ASSERT_EQ(segments.segments.size(), 1u);
+    EXPECT_FALSE(segments.isLive());
+    // Only at the very start: a mark further on is text like any other.
+    EXPECT_FALSE(HlsReader::read("\n" + mark + "#EXTM3U\n#EXTINF:2,\na.ts\n", base));
+}
+
 TEST(HlsReader, AttributeListsKeepOrderAndQuotedText) {
     const auto list = HlsReader::attributes(R"(TYPE=AUDIO,NAME="a, b",DEFAULT=YES,URI="x=y.m3u8")");
     ASSERT_EQ(list.size(), 4u);

@@ -336,9 +336,10 @@ TEST_F(PlaybackTest, MissingSegmentFillsTheErrorLogAndPostsFailedToPlayToEnd) {
     EXPECT_EQ(item->error()->domain, httpStatusErrorDomain);
     const auto log = item->errorLog();
     ASSERT_TRUE(log);
-    ASSERT_EQ(log->events.size(), static_cast<std::size_t>(settings.attempts)); // one per attempt
+    ASSERT_EQ(log->events.size(), 1u); // a 404 is not tried again
     for (const auto& event : log->events) {
         EXPECT_EQ(event.errorStatusCode, 404);
+        EXPECT_TRUE(event.isFatal);
         EXPECT_TRUE(event.URI && event.URI->ends_with("/missing/seg2.ts"));
         EXPECT_EQ(event.serverAddress, "127.0.0.1");
         EXPECT_EQ(event.playbackSessionID, item->playbackSessionID());

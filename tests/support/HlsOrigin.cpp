@@ -3,18 +3,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <stdexcept>
 
 namespace ovalto::test {
 
 namespace {
-
-std::string contentType(std::string_view path) {
-    if (path.ends_with(".m3u8")) return "application/vnd.apple.mpegurl";
-    if (path.ends_with(".ts")) return "video/mp2t";
-    if (path.ends_with(".vtt")) return "text/vtt";
-    if (path.ends_with(".mp4") || path.ends_with(".m4s")) return "video/mp4";
-    return "application/octet-stream";
-}
 
 // Recognisable bytes: a test can tell segments apart by their content as well as their size.
 std::string payload(const std::string& tag, std::size_t size) {
@@ -32,57 +25,17 @@ std::string decimal(double value) {
     return text;
 }
 
-// The body bytes an answer to `range` carries ("bytes=a-b" or "bytes=a-").
-std::size_t rangeLength(const std::string& range, std::size_t size) {
-    unsigned long long first = 0;
-    unsigned long long last = 0;
-    const int fields = std::sscanf(range.c_str(), "bytes=%llu-%llu", &first, &last);
-    if (fields < 1 || first >= size) return 0;
-    if (fields < 2 || last >= size) last = size - 1;
-    return last >= first ? static_cast<std::size_t>(last - first + 1) : 0;
-}
-
 } // namespace
 
+tool::Origin::Options HlsOrigin::loopback() {
+    Options options;
+    options.closeConnections = true;
+    return options;
+}
+
 HlsOrigin::HlsOrigin()
-    : server_([this](httplib::Server& server) {
-        server.Get(".*", [this](const httplib::Request& request, httplib::Response& response) {
-            handle(request, response);
-        });
-    }) {}
-
-HlsOrigin::~HlsOrigin() {
-    {
-        std::lock_guard lock(mutex_);
-        stopped_ = true;
-    }
-    stopping_.notify_all(); // throttled answers give up, so that the server can stop
-}
-
-void HlsOrigin::serve(const std::string& path, std::string body) {
-    std::lock_guard lock(mutex_);
-    routes_[path].body = std::move(body);
-}
-
-void HlsOrigin::throttle(const std::string& path, std::chrono::milliseconds duration) {
-    std::lock_guard lock(mutex_);
-    routes_[path].throttle = duration;
-}
-
-void HlsOrigin::remove(const std::string& path) {
-    std::lock_guard lock(mutex_);
-    routes_.erase(path);
-}
-
-std::optional<std::string> HlsOrigin::body(const std::string& path) const {
-    auto found = route(path);
-    if (!found) return std::nullopt;
-    return found->generate ? found->generate() : found->body;
-}
-
-std::vector<HlsOrigin::Served> HlsOrigin::served() const {
-    std::lock_guard lock(mutex_);
-    return served_;
+    : Origin(loopback()) {
+    if (!start()) throw std::runtime_error("cannot bind a loopback port");
 }
 
 bool HlsOrigin::isMedia(std::string_view path) {
@@ -172,8 +125,7 @@ void HlsOrigin::publishLive(const std::string& name, double segmentDuration, int
                             std::size_t segmentBytes) {
     const std::string root = "/" + name + "/";
     const auto started = started_;
-    std::lock_guard lock(mutex_);
-    routes_[root + "live.m3u8"].generate = [=] {
+    serveMade(root + "live.m3u8", [=] {
         const double elapsed =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
         const auto first = static_cast<long long>(elapsed / segmentDuration);
@@ -184,69 +136,11 @@ void HlsOrigin::publishLive(const std::string& name, double segmentDuration, int
             playlist += "#EXTINF:" + decimal(segmentDuration) + ",\nseg" + std::to_string(n) + ".ts\n";
         }
         return playlist;
-    };
-    generated_[root + "seg"] = [=](const std::string& rest) -> std::optional<std::string> {
+    });
+    serveBelow(root + "seg", [=](const std::string& rest) -> std::optional<std::string> {
         if (!rest.ends_with(".ts")) return std::nullopt;
         return payload(name + "-" + rest.substr(0, rest.size() - 3), segmentBytes);
-    };
-}
-
-std::optional<HlsOrigin::Route> HlsOrigin::route(const std::string& path) const {
-    std::lock_guard lock(mutex_);
-    if (auto found = routes_.find(path); found != routes_.end()) return found->second;
-    for (const auto& [prefix, generate] : generated_) {
-        if (!path.starts_with(prefix)) continue;
-        if (auto body = generate(path.substr(prefix.size()))) return Route{std::move(*body), {}, {}};
-    }
-    return std::nullopt;
-}
-
-void HlsOrigin::handle(const httplib::Request& request, httplib::Response& response) {
-    Served served{request.path, {}, {}, 404, 0, std::chrono::steady_clock::now()};
-    if (request.has_header("Range")) served.range = request.get_header_value("Range");
-    if (request.has_header("Cookie")) served.cookie = request.get_header_value("Cookie");
-    auto found = route(request.path);
-    if (!found) {
-        response.status = 404;
-        response.set_header("Connection", "close");
-        std::lock_guard lock(mutex_);
-        served_.push_back(served);
-        return;
-    }
-    std::string body = found->generate ? found->generate() : std::move(found->body);
-    served.status = served.range ? 206 : 200;
-    served.bytes = served.range ? rangeLength(*served.range, body.size()) : body.size();
-    {
-        std::lock_guard lock(mutex_);
-        served_.push_back(served);
-    }
-    const std::string type = contentType(request.path);
-    // Players keep connections open; closing each one lets the server stop without waiting for
-    // idle keep-alive connections at the end of every test.
-    response.set_header("Connection", "close");
-    if (found->throttle.count() == 0) {
-        response.set_content(body, type.c_str());
-        return;
-    }
-    // Sent in pieces spread over the throttle time; cpp-httplib applies the range to the offsets.
-    const auto throttle = found->throttle;
-    const auto size = body.size();
-    response.set_content_provider(
-        size, type,
-        [this, body = std::move(body), throttle](std::size_t offset, std::size_t length,
-                                                 httplib::DataSink& sink) {
-            constexpr int pieces = 10;
-            const std::size_t piece = std::max<std::size_t>(1, (length + pieces - 1) / pieces);
-            for (std::size_t sent = 0; sent < length; sent += piece) {
-                {
-                    std::unique_lock lock(mutex_);
-                    if (stopping_.wait_for(lock, throttle / pieces, [this] { return stopped_; }))
-                        return false;
-                }
-                if (!sink.write(body.data() + offset + sent, std::min(piece, length - sent))) return false;
-            }
-            return true;
-        });
+    });
 }
 
 } // namespace ovalto::test

@@ -8,6 +8,7 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <filesystem>
 
 using namespace ovalto::tool;
@@ -131,4 +132,25 @@ TEST(OriginTest, LiveModeWindowsMediaPlaylistsOnly) {
     auto master = client.Get("/master.m3u8");
     ASSERT_TRUE(master);
     EXPECT_NE(master->body.find("video/high/media.m3u8"), std::string::npos);
+}
+
+TEST(OriginTest, RestartedLiveOriginContinuesTheSameStream) {
+    Origin::Options options;
+    options.directory = builtInSampleDirectory();
+    options.live = true;
+    options.liveEpoch = std::chrono::system_clock::now() - 1h;
+    const auto mediaSequence = [&] {
+        Origin origin(options);
+        EXPECT_TRUE(origin.start());
+        httplib::Client client("127.0.0.1", origin.port());
+        auto media = client.Get("/video/low/media.m3u8");
+        const auto at = media ? media->body.find("#EXT-X-MEDIA-SEQUENCE:") : std::string::npos;
+        return at == std::string::npos ? -1L : std::atol(media->body.c_str() + at + 22);
+    };
+    const long before = mediaSequence();
+    const long after = mediaSequence();
+    EXPECT_GT(before, 100); // an hour into the stream, not at its start
+    // The second origin's window starts where the first one's was, or a segment later.
+    EXPECT_GE(after, before);
+    EXPECT_LE(after, before + 1);
 }

@@ -1,6 +1,12 @@
 #include "API/OvaltoAccess.h"
 #include "Command.h"
 #include "Origin.h"
+#include "PlaySubtitles.h"
+#include "PreparationOutcome.h"
+#include "QoeSession.h"
+#include "ProtectedPlay.h"
+#include "RetryReporter.h"
+#include "PreparedSession.h"
 #include "Timeline.h"
 #include "ovalto/Notifications.h"
 #include "ovalto/Ovalto.h"
@@ -12,6 +18,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -38,10 +45,15 @@ Without URL it serves the built-in sample on a loopback port and plays that.
   --rate R                    playback rate (default 1; 4 plays 20 s of media in 5 s)
   --duration S                stop after S seconds of media (default: to the end; live: 30)
   --log-level L               library log level on standard error: debug, info, warning, error,
-                              silent (default warning)
+                              silent (default error)
   --trace                     also print every request the player makes
   --json                      one JSON object per event on standard output
   --timeout S                 give up when preparation takes longer than S seconds (default 60)
+  --subtitles FILE|URL        a side-car subtitle document; each delivered text and cue is printed
+                              (sample:srt, sample:vtt, sample:ttml: the built-in sample's)
+  --mime MIME                 its MIME type (application/x-subrip, text/vtt, application/nttml+xml
+                              …; implied for the sample's)
+%s
 
 The timeline goes to standard output, library logs to standard error. Exit status: 0 when the
 stream played, 1 when preparation or playback failed, 2 for bad usage.
@@ -55,10 +67,13 @@ struct PlayOptions {
     std::vector<std::pair<MediaType, long>> selections;
     double rate = 1.0;
     std::optional<double> duration;
-    OVALogLevel logLevel = OVALogLevel::warning;
+    OVALogLevel logLevel = OVALogLevel::error;
     bool trace = false;
     bool json = false;
     double timeout = 60;
+    std::shared_ptr<PlaySubtitles> subtitles = std::make_shared<PlaySubtitles>();
+    QoeSession qoe;
+    ProtectedPlay protection;
 };
 
 std::atomic<bool> interrupted{false};
@@ -92,8 +107,14 @@ std::optional<int> parseOptions(const std::vector<std::string>& args, PlayOption
     for (std::size_t i = 0; i < args.size(); ++i) {
         const auto& arg = args[i];
         if (arg == "--help" || arg == "-h") {
-            std::cout << playUsage;
+            std::printf(playUsage, QoeSession::usage);
+            std::cout << "\nProtected content:\n" << ProtectedPlay::usage;
             return 0;
+        }
+        std::string problem;
+        if (int taken = options.protection.parse(args, i, problem)) {
+            if (taken < 0) return fail(problem);
+            continue;
         }
         if (arg == "--json") {
             options.json = true;
@@ -132,6 +153,8 @@ std::optional<int> parseOptions(const std::vector<std::string>& args, PlayOption
             if (arg == "--rate") options.rate = *number;
             if (arg == "--duration") options.duration = *number;
             if (arg == "--timeout") options.timeout = *number;
+        } else if (PlaySubtitles::takes(arg)) {
+            if (auto error = options.subtitles->set(arg, value)) return fail(*error);
         } else if (arg == "--log-level") {
             static const std::pair<const char*, OVALogLevel> levels[] = {{"debug", OVALogLevel::debug},
                                                                          {"info", OVALogLevel::info},
@@ -146,10 +169,13 @@ std::optional<int> parseOptions(const std::vector<std::string>& args, PlayOption
                 }
             }
             if (!known) return fail("--log-level takes debug, info, warning, error or silent");
+        } else if (std::string error; options.qoe.take(arg, value, error)) {
+            if (!error.empty()) return fail(error);
         } else {
             return fail("unknown option " + arg);
         }
     }
+    if (auto error = options.subtitles->validate()) return fail(*error);
     return std::nullopt;
 }
 
@@ -174,10 +200,16 @@ public:
     Session(PlayOptions options, Timeline& timeline)
         : options_(std::move(options))
         , timeline_(timeline) {}
+    void setAfterPreparation(AfterPreparation after) { after_ = std::move(after); }
 
     int run() {
         Ovalto::logLevel = options_.logLevel;
         std::unique_ptr<Origin> origin;
+        if (!options_.url && options_.protection.servesSample()) {
+            std::string error;
+            options_.url = options_.protection.start(timeline_, error);
+            if (!options_.url) return std::cerr << "ovalto play: " << error << "\n", 1;
+        }
         if (!options_.url) {
             Origin::Options serve;
             serve.directory = builtInSampleDirectory();
@@ -197,31 +229,20 @@ public:
             return 2;
         }
         if (!prepare(*url)) return 1;
+        if (after_) return after_(facade_, timeline_, interrupted);
         return play();
     }
 
 private:
     bool prepare(const platform::Url& url) {
         listener_ = std::make_shared<TimelineListener>(timeline_);
-        facade_ = Ovalto::create(listener_);
+        facade_ = Ovalto::create(options_.qoe.listener(listener_, timeline_));
         if (!options_.headers.empty())
             facade_->configurations[ConfigurationKey::httpHeaders] = options_.headers;
+        if (std::string error; !options_.protection.configure(facade_->configurations, error))
+            return std::cerr << "ovalto play: " << error << "\n", false;
 
-        std::optional<platform::Error> failure;
-        bool prepared = false;
-        auto& center = platform::NotificationCenter::defaultCenter();
-        auto tokens = {
-            center.addObserver(OvaltoPreparationNotification, facade_,
-                               [&](const platform::Notification&) { prepared = true; }),
-            center.addObserver(OvaltoErrorNotification, facade_, [&](const platform::Notification& note) {
-                auto it = note.userInfo.find(OvaltoErrorUserInfoKey);
-                if (it == note.userInfo.end()) return;
-                if (const auto* error = std::any_cast<platform::Error>(&it->second)) {
-                    // Loading requests that fail during playback are reported too;
-                    // only one that ends preparation counts here.
-                    if (!failure) failure = *error;
-                }
-            })};
+        PreparationOutcome outcome(facade_);
         facade_->prepare(url, options_.customHeaders.empty() ? std::nullopt
                                                              : std::optional(options_.customHeaders));
         if (!options_.edges.empty()) facade_->setEdgeList(options_.edges);
@@ -229,19 +250,18 @@ private:
         auto deadline = std::chrono::steady_clock::now() +
                         std::chrono::milliseconds(static_cast<long>(options_.timeout * 1000));
         auto& loop = platform::RunLoop::main();
-        loop.runUntil([&] { return prepared || isFatal(failure) || interrupted; }, deadline);
-        for (auto token : tokens)
-            center.removeObserver(token);
+        loop.runUntil([&] { return outcome.ended() || interrupted; }, deadline);
 
-        if (!prepared) {
-            if (failure) {
+        if (!outcome.prepared()) {
+            if (auto failure = outcome.error()) {
                 auto typed = OvaltoError::from(*failure);
                 int code = typed ? typed->code() : static_cast<int>(failure->code);
                 char hex[16];
                 std::snprintf(hex, sizeof hex, "0x%X", static_cast<unsigned>(code));
                 std::cerr << "ovalto play: preparation failed: error " << hex << " (" << code
                           << "): " << failure->localizedDescription << "\n";
-                timeline_.event("error", failure->localizedDescription, {{"code", code}});
+                timeline_.event("error", failure->localizedDescription,
+                                {{"code", code}, {"message", failure->localizedDescription}});
             } else {
                 std::cerr << "ovalto play: preparation "
                           << (interrupted ? "interrupted"
@@ -254,16 +274,8 @@ private:
         timeline_.event("prepared", "player item ready for " + url.absoluteString());
         printMaster();
         printTracks();
+        options_.subtitles->attach(*facade_, timeline_);
         return true;
-    }
-
-    // Errors from the preparation itself (not from a playlist request during loading).
-    static bool isFatal(const std::optional<platform::Error>& error) {
-        if (!error) return false;
-        auto typed = OvaltoError::from(*error);
-        if (!typed) return false;
-        int code = typed->code();
-        return code == 0x8100 || code == 0x8201 || code == 0x8202;
     }
 
     void printMaster() {
@@ -328,6 +340,7 @@ private:
         };
 
         auto player = platform::Player::create();
+        retries_ = std::make_unique<RetryReporter>(timeline_, item_);
         if (options_.trace) {
             player->setRequestTrace([this](const platform::RequestTraceLine& line) {
                 timeline_.event("player request", line.text(),
@@ -383,7 +396,9 @@ private:
 
         summary(player->currentTime().seconds());
         player.reset();
+        retries_.reset();
         facade_.reset(); // concludes the session
+        options_.qoe.finish();
         std::lock_guard lock(failureMutex);
         return failure ? 1 : 0;
     }
@@ -413,7 +428,9 @@ private:
                                  {"averageBitrate", averageBitrate},
                                  {"throughput", throughput},
                                  {"manifestRequests", figures.manifestRequests},
-                                 {"fragmentRequests", figures.fragmentRequests}};
+                                 {"fragmentRequests", figures.fragmentRequests},
+                                 {"retries", retries_ ? retries_->retries() : 0}};
+        options_.subtitles->addFields(fields);
         if (timeline_.json()) {
             timeline_.event("summary", "", fields);
             return;
@@ -430,17 +447,21 @@ private:
              << " redirected by the library)\n"
              << "  playlists            " << figures.manifestRequests << " downloaded by the library\n"
              << "  bytes                " << bytes << "\n"
+             << "  retries              " << (retries_ ? retries_->retries() : 0) << "\n"
              << "  average bitrate      " << static_cast<long>(averageBitrate / 1000) << " kbit/s\n"
-             << "  download throughput  " << static_cast<long>(throughput / 1000) << " kbit/s\n";
+             << "  download throughput  " << static_cast<long>(throughput / 1000) << " kbit/s\n"
+             << options_.subtitles->summaryLine();
         if (isatty(STDOUT_FILENO)) timeline_.progress("");
         std::cout << text.str() << std::flush;
     }
 
     PlayOptions options_;
+    AfterPreparation after_; // `ovalto bridge`: serve instead of playing
     Timeline& timeline_;
     std::shared_ptr<TimelineListener> listener_;
     std::shared_ptr<Ovalto> facade_;
     std::shared_ptr<platform::PlayerItem> item_;
+    std::unique_ptr<RetryReporter> retries_;
 };
 
 int play(const std::vector<std::string>& args) {
@@ -448,9 +469,36 @@ int play(const std::vector<std::string>& args) {
     if (auto status = parseOptions(args, options)) return *status;
     std::signal(SIGINT, onInterrupt);
     std::signal(SIGTERM, onInterrupt);
-    Timeline timeline(std::cout, options.json);
-    return Session(std::move(options), timeline).run();
+    // With --json standard output carries the events only: what the library prints goes to
+    // standard error for the run.
+    std::ostream out(std::cout.rdbuf());
+    std::streambuf* const saved = options.json ? std::cout.rdbuf(std::cerr.rdbuf()) : nullptr;
+    const OVALogLevel savedLevel = Ovalto::logLevel.load();
+    Timeline timeline(out, options.json);
+    const int status = Session(std::move(options), timeline).run();
+    Ovalto::logLevel = savedLevel;
+    if (saved) std::cout.rdbuf(saved);
+    return status;
 }
+
+} // namespace
+
+int prepareThen(const std::vector<std::string>& args, const std::string& usage, AfterPreparation after) {
+    PlayOptions options;
+    if (std::find(args.begin(), args.end(), "--help") != args.end()) {
+        std::cout << usage;
+        return 0;
+    }
+    if (auto status = parseOptions(args, options)) return *status;
+    std::signal(SIGINT, onInterrupt);
+    std::signal(SIGTERM, onInterrupt);
+    Timeline timeline(std::cout, options.json);
+    Session session(std::move(options), timeline);
+    session.setAfterPreparation(std::move(after));
+    return session.run();
+}
+
+namespace {
 
 CommandRegistrar registrar({"play", "prepare a stream through the library and play it (default: the sample)",
                             play});

@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <string>
 
@@ -19,7 +20,8 @@ Serves an HLS presentation over HTTP on loopback, with the content types players
   --port P     the port to listen on (default: any free port)
   --host H     the address to bind (default 127.0.0.1)
   --live       serve every media playlist as a live window that slides in real time over its
-               segments, looping with a discontinuity at each wrap
+               segments, looping with a discontinuity at each wrap; the window follows the wall
+               clock, so a restarted origin continues the same stream
   --window N   segments in a live window (default 3)
   --quiet      do not log each request on standard error
 
@@ -103,6 +105,12 @@ CommandRegistrar registrar({"serve", "serve a presentation over HTTP on loopback
 
 std::string builtInSampleDirectory() {
     if (const char* dir = std::getenv("OVALTO_SAMPLE_DIR"); dir && *dir) return dir;
+    // An installed tool (away from its source tree) has the sample in <prefix>/share/ovalto.
+    std::error_code error;
+    const auto installed =
+        std::filesystem::read_symlink("/proc/self/exe", error).parent_path() / "../share/ovalto/sample";
+    if (!std::filesystem::is_directory(OVALTO_SAMPLE_DIR) && std::filesystem::is_directory(installed, error))
+        return installed.lexically_normal().string();
     return OVALTO_SAMPLE_DIR;
 }
 

@@ -1,0 +1,119 @@
+// `ovalto play` against an origin that misbehaves: the tool ends with the engine's verdict as soon
+// as the library gives it, and with --json standard output stays one JSON object per line.
+#include "Command.h"
+#include "RawOrigin.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <iostream>
+#include <sstream>
+
+using namespace ovalto;
+using namespace std::string_literals;
+using test::RawOrigin;
+
+namespace {
+
+const std::string contentType = "Content-Type: application/vnd.apple.mpegurl\r\n";
+const std::string master = "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=800000\nv/media.m3u8\n";
+
+struct Run {
+    int status = -1;
+    std::vector<nlohmann::json> events;
+    std::vector<std::string> notJson;
+    std::string err;
+
+    const nlohmann::json* event(const std::string& kind) const {
+        for (const auto& e : events)
+            if (e.value("event", "") == kind) return &e;
+        return nullptr;
+    }
+};
+
+// Runs `ovalto play URL --json` in this process, standard output and error captured.
+Run playJson(const std::string& url) {
+    std::ostringstream out, err;
+    auto* savedOut = std::cout.rdbuf(out.rdbuf());
+    auto* savedErr = std::cerr.rdbuf(err.rdbuf());
+    Run run;
+    // The timeout only guards against a hang: every case ends long before it.
+    run.status = tool::findCommand("play")->run({url, "--json", "--timeout", "30", "--log-level", "silent"});
+    std::cout.rdbuf(savedOut);
+    std::cerr.rdbuf(savedErr);
+    std::istringstream lines(out.str());
+    for (std::string line; std::getline(lines, line);) {
+        auto parsed = nlohmann::json::parse(line, nullptr, false);
+        if (parsed.is_discarded() || !parsed.is_object())
+            run.notJson.push_back(line);
+        else
+            run.events.push_back(std::move(parsed));
+    }
+    run.err = err.str();
+    return run;
+}
+
+std::string head(const std::string& headers) {
+    return "HTTP/1.1 200 OK\r\n" + contentType + headers + "\r\n";
+}
+
+TEST(PlayFaultTest, EndsWithTheEnginesErrorAsSoonAsPreparationFails) {
+    const std::string media = "#EXTM3U\n#EXT-X-TARGETDURATION:4\n#EXTINF:4,\ns0.ts\n#EXT-X-ENDLIST\n";
+    const struct {
+        const char* what;
+        std::string masterAnswer;
+        std::string mediaAnswer;
+        bool reset = false;
+        int code = 0x8201; // an asset key failed to load; 0x8202: loaded, but not playable
+    } cases[] = {
+        {"master GET 503 while HEAD succeeds", RawOrigin::http(503, "busy"), ""},
+        {"master shorter than its length", head("Content-Length: 400\r\n") + master, ""},
+        // The client takes headers cut short for an empty answer, which the player cannot play.
+        {"connection closed mid-master", "HTTP/1.1 200 OK\r\nContent-Le", "", false, 0x8202},
+        {"connection reset mid-master", head("Content-Length: 400\r\n") + master, "", true},
+        {"master with invalid UTF-8", RawOrigin::http(200, master + "#EXT-X-\xC3\x28\n", contentType), ""},
+        {"master with a NUL",
+         RawOrigin::http(200, "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nv/me\0dia.m3u8\n"s, contentType), ""},
+        {"master with a byte-order mark", RawOrigin::http(200, "\xEF\xBB\xBF" + master, contentType), ""},
+        {"garbage instead of HTTP", "\x16\x03\x01\x02garbage\r\n\r\n", ""},
+        {"bad chunked encoding", head("Transfer-Encoding: chunked\r\n") + "zz\r\n#EXTM3U\r\n0\r\n\r\n", ""},
+        {"gzip header on plain text",
+         RawOrigin::http(200, master, contentType + "Content-Encoding: gzip\r\n"), ""},
+        {"media playlist 404", RawOrigin::http(200, master, contentType), RawOrigin::http(404, "")},
+        {"media playlist 500", RawOrigin::http(200, master, contentType), RawOrigin::http(500, "")},
+        {"media playlist truncated", RawOrigin::http(200, master, contentType),
+         head("Content-Length: 400\r\n") + media},
+        {"media playlist redirecting to itself", RawOrigin::http(200, master, contentType),
+         RawOrigin::http(302, "", "Location: /v/media.m3u8\r\n")},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        RawOrigin origin;
+        origin.answer("GET", "/master.m3u8", {c.masterAnswer, c.reset});
+        if (!c.mediaAnswer.empty()) origin.answer("GET", "/v/media.m3u8", {c.mediaAnswer});
+
+        const auto run = playJson(origin.url("/master.m3u8"));
+        EXPECT_EQ(run.status, 1) << run.err;
+        EXPECT_TRUE(run.notJson.empty()) << run.notJson.front();
+        const auto* error = run.event("error");
+        ASSERT_NE(error, nullptr) << run.err;
+        EXPECT_EQ(error->value("code", 0), c.code) << error->dump();
+        EXPECT_TRUE(error->value("message", "").starts_with("AVURLAsset is not ")) << error->dump();
+    }
+}
+
+TEST(PlayFaultTest, WithJsonTheLibrarysPrintsGoToStandardError) {
+    RawOrigin origin;
+    // A refused probe is printed by the library; the content then counts as not HLS and the
+    // player itself meets the failing origin.
+    origin.answer("HEAD", "/master.m3u8", {RawOrigin::http(405, "")});
+    origin.answer("GET", "/master.m3u8", {RawOrigin::http(503, "")});
+    const auto run = playJson(origin.url("/master.m3u8"));
+    EXPECT_EQ(run.status, 1);
+    EXPECT_TRUE(run.notJson.empty()) << run.notJson.front();
+    EXPECT_NE(run.err.find("405\n"), std::string::npos) << run.err;
+    ASSERT_NE(run.event("error"), nullptr);
+    EXPECT_EQ(run.event("error")->value("code", 0), 0x8201);
+}
+
+} // namespace

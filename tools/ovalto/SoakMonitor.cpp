@@ -1,0 +1,87 @@
+#include "SoakMonitor.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <utility>
+
+namespace ovalto::tool {
+
+SoakMonitor::SoakMonitor(double warmUp, std::int64_t rssAllowance)
+    : warmUp_(warmUp)
+    , rssAllowance_(rssAllowance) {}
+
+SoakMonitor::Sample SoakMonitor::measure(double seconds, std::int64_t playlists, std::int64_t segments) {
+    Sample sample{seconds, 0, 0, 0, playlists, segments};
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmRSS:", 0) == 0) sample.rssBytes = std::atoll(line.c_str() + 6) * 1024;
+        if (line.rfind("Threads:", 0) == 0) sample.threads = std::atoi(line.c_str() + 8);
+    }
+    std::error_code error;
+    for (auto it = std::filesystem::directory_iterator("/proc/self/fd", error);
+         !error && it != std::filesystem::directory_iterator(); it.increment(error))
+        ++sample.descriptors;
+    --sample.descriptors; // the one the listing itself holds open
+    return sample;
+}
+
+std::string SoakMonitor::describe(const Sample& sample) {
+    char text[160];
+    std::snprintf(
+        text, sizeof text, "%7.0f s  rss %7.2f MB  fds %3d  threads %3d  playlists %6lld  segments %6lld",
+        sample.seconds, static_cast<double>(sample.rssBytes) / (1 << 20), sample.descriptors, sample.threads,
+        static_cast<long long>(sample.playlists), static_cast<long long>(sample.segments));
+    return text;
+}
+
+void SoakMonitor::add(const Sample& sample) {
+    samples_.push_back(sample);
+}
+
+std::optional<SoakMonitor::Sample> SoakMonitor::baseline() const {
+    auto found = std::find_if(samples_.begin(), samples_.end(),
+                              [this](const Sample& sample) { return sample.seconds >= warmUp_; });
+    if (found == samples_.end()) return std::nullopt;
+    return *found;
+}
+
+std::optional<std::string> SoakMonitor::failure() const {
+    const auto base = baseline();
+    if (!base) return std::nullopt;
+    for (const auto& sample : samples_) {
+        if (sample.seconds < base->seconds) continue;
+        if (sample.rssBytes - base->rssBytes > rssAllowance_) {
+            char text[160];
+            std::snprintf(text, sizeof text, "resident memory grew by %.2f MB between %.0f s and %.0f s",
+                          static_cast<double>(sample.rssBytes - base->rssBytes) / (1 << 20), base->seconds,
+                          sample.seconds);
+            return text;
+        }
+    }
+    std::size_t first = 0;
+    while (samples_[first].seconds < base->seconds)
+        ++first;
+    // The least descriptors and threads over up to three samples from `from`.
+    const auto floor = [this](std::size_t from) {
+        std::pair<int, int> least{samples_[from].descriptors, samples_[from].threads};
+        for (std::size_t i = from; i < std::min(from + 3, samples_.size()); ++i) {
+            least.first = std::min(least.first, samples_[i].descriptors);
+            least.second = std::min(least.second, samples_[i].threads);
+        }
+        return least;
+    };
+    const auto before = floor(first);
+    const auto after = floor(std::max(first, samples_.size() >= 3 ? samples_.size() - 3 : 0));
+    if (after.first > before.first)
+        return "open file descriptors grew from " + std::to_string(before.first) + " to " +
+               std::to_string(after.first);
+    if (after.second > before.second)
+        return "threads grew from " + std::to_string(before.second) + " to " + std::to_string(after.second);
+    return std::nullopt;
+}
+
+} // namespace ovalto::tool
