@@ -1,6 +1,8 @@
 #include "platform/HlsReader.h"
 
+#include <algorithm>
 #include <charconv>
+#include <unordered_map>
 
 namespace ovalto::platform {
 
@@ -69,6 +71,7 @@ bool isMediaTag(std::string_view tag) {
 
 std::vector<std::string_view> lines(std::string_view text) {
     std::vector<std::string_view> result;
+    result.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) + 1);
     while (!text.empty()) {
         const auto newline = text.find('\n');
         result.push_back(trimmed(text.substr(0, newline)));
@@ -81,6 +84,9 @@ std::vector<std::string_view> lines(std::string_view text) {
 std::optional<HlsMasterPlaylist> readMaster(const std::vector<std::string_view>& lines, const Url& base) {
     HlsMasterPlaylist playlist;
     std::optional<HlsVariant> pending; // a STREAM-INF waiting for its URI line
+    // Renditions repeat a few URIs many times over (a group per variant that names every
+    // variant's playlist): equal URIs are resolved once and share their text.
+    std::unordered_map<std::string, std::optional<Url>> renditionUris;
     for (std::string_view line : lines) {
         if (line.empty()) continue;
         if (!line.starts_with('#')) {
@@ -117,8 +123,13 @@ std::optional<HlsMasterPlaylist> readMaster(const std::vector<std::string_view>&
             rendition.language = attribute(list, "LANGUAGE");
             rendition.isDefault = attribute(list, "DEFAULT") == "YES";
             rendition.autoselect = attribute(list, "AUTOSELECT") == "YES";
-            rendition.uri = resolved(attribute(list, "URI"), base);
             if (rendition.type.empty() || rendition.groupId.empty() || rendition.name.empty()) continue;
+            if (auto uri = attribute(list, "URI")) {
+                auto known = renditionUris.find(*uri);
+                if (known == renditionUris.end())
+                    known = renditionUris.emplace(*uri, resolved(uri, base)).first;
+                rendition.uri = known->second;
+            }
             playlist.renditions.push_back(std::move(rendition));
         }
     }
@@ -128,9 +139,12 @@ std::optional<HlsMasterPlaylist> readMaster(const std::vector<std::string_view>&
 
 std::optional<HlsMediaPlaylist> readMedia(const std::vector<std::string_view>& lines, const Url& base) {
     HlsMediaPlaylist playlist;
+    // Exactly as many as there are URI lines: no spare capacity in a long list.
+    playlist.segments.reserve(static_cast<std::size_t>(std::count_if(
+        lines.begin(), lines.end(), [](std::string_view line) { return !line.empty() && line[0] != '#'; })));
     std::optional<double> duration; // of the segment whose URI comes next
-    std::optional<HlsMap> map;
-    std::optional<HlsKey> key;
+    std::shared_ptr<const HlsMap> map;
+    std::shared_ptr<const HlsKey> key;
     bool discontinuity = false;
     bool sequenceSet = false;
     std::optional<std::string> rangeUri; // the resource the previous sub-range was taken from
@@ -190,7 +204,7 @@ std::optional<HlsMediaPlaylist> readMedia(const std::vector<std::string_view>& l
                 newMap.byteRange = byteRange(*text, std::nullopt);
                 if (!newMap.byteRange) return std::nullopt;
             }
-            map = std::move(newMap);
+            map = std::make_shared<const HlsMap>(std::move(newMap));
         } else if (tag == "#EXT-X-KEY") {
             const Attributes list = HlsReader::attributes(value);
             const std::string method = attribute(list, "METHOD").value_or("");
@@ -198,8 +212,9 @@ std::optional<HlsMediaPlaylist> readMedia(const std::vector<std::string_view>& l
             if (method == "NONE") {
                 key.reset();
             } else {
-                key = HlsKey{method, resolved(attribute(list, "URI"), base), attribute(list, "IV"),
-                             attribute(list, "KEYFORMAT")};
+                key = std::make_shared<const HlsKey>(HlsKey{method, resolved(attribute(list, "URI"), base),
+                                                            attribute(list, "IV"),
+                                                            attribute(list, "KEYFORMAT")});
             }
         }
     }

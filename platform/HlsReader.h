@@ -3,6 +3,7 @@
 #include "platform/Url.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -76,13 +77,15 @@ struct HlsMap {
     std::optional<HlsByteRange> byteRange;
 };
 
+// A playlist may hold hundreds of thousands of segments: one costs little more than its URL.
+// The map and key in force are shared by every segment they apply to.
 struct HlsSegment {
     Url uri;
     double duration = 0; // #EXTINF, seconds
     std::int64_t sequence = 0;
     std::optional<HlsByteRange> byteRange;
-    std::optional<HlsMap> map;
-    std::optional<HlsKey> key;
+    std::shared_ptr<const HlsMap> map;
+    std::shared_ptr<const HlsKey> key;
     bool discontinuity = false;
 };
 

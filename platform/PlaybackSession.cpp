@@ -355,6 +355,7 @@ bool PlaybackSession::merge(Track& track, HlsMediaPlaylist playlist) {
         !track.playlist || track.playlist->segments.size() != segments.size() ||
         (!segments.empty() && track.playlist->segments.back().sequence != segments.back().sequence);
     track.starts.clear();
+    track.starts.reserve(segments.size());
     double time = *anchor;
     for (const auto& segment : segments) {
         track.starts.push_back(time);

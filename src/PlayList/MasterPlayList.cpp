@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <type_traits>
 
 namespace ovalto {
 
@@ -17,15 +18,45 @@ namespace {
 
 constexpr std::string_view fileName = "PlayList/MasterPlayList";
 constexpr std::string_view parseFunction = "parsePlayList(playList:baseUrl:container:)";
+constexpr std::string_view generateFunction = "generatePlayList(container:)";
+
+// Counts what the writer would append: the size of a rewritten master is known before any of
+// it is written.
+struct SizeCounter {
+    std::size_t size = 0;
+    SizeCounter& operator+=(std::string_view text) {
+        size += text.size();
+        return *this;
+    }
+    SizeCounter& operator+=(char) {
+        ++size;
+        return *this;
+    }
+};
+
+std::size_t decimalLength(long long value) {
+    std::size_t length = value < 0 ? 2 : 1;
+    for (value = value < 0 ? -(value / 10) : value / 10; value != 0; value /= 10)
+        ++length;
+    return length;
+}
+
 void appendMediaUri(std::string& out, long index, std::int32_t bitrate) {
     RewrittenUrl::appendMediaPlayList(out, index, bitrate);
 }
 
+// Counted by writing it aside: the layout is RewrittenUrl's alone.
+void appendMediaUri(SizeCounter& out, long index, std::int32_t bitrate) {
+    std::string uri;
+    RewrittenUrl::appendMediaPlayList(uri, index, bitrate);
+    out += uri;
+}
+
 // Appends `name=value` elements separated by commas.
-struct ElementWriter {
-    std::string& out;
+template <class Out> struct ElementWriter {
+    Out& out;
     bool first = true;
-    std::string& next() {
+    Out& next() {
         if (!first) out += ',';
         first = false;
         return out;
@@ -37,7 +68,8 @@ struct ElementWriter {
     }
 };
 
-void appendXMedia(std::string& out, MediaType type, std::int32_t bitrate, std::int32_t name, bool isDefault,
+template <class Out>
+void appendXMedia(Out& out, MediaType type, std::int32_t bitrate, std::int32_t name, bool isDefault,
                   long index) {
     out += rawValue(Ext::xMedia);
     out += ":TYPE=";
@@ -50,6 +82,100 @@ void appendXMedia(std::string& out, MediaType type, std::int32_t bitrate, std::i
     out += isDefault ? "\",DEFAULT=YES,URI=\"" : "\",DEFAULT=NO,URI=\"";
     appendMediaUri(out, index, std::min(bitrate, name));
     out += '"';
+}
+
+// The synthetic VIDEO renditions ahead of the variant at `position` in `bitrates`: one line
+// per bitrate, so the block grows with the number of variants and the whole master with its
+// square. Counting sums the lines' lengths instead of visiting them.
+template <class Out>
+void appendXMedias(Out& out, MediaType type, const std::vector<std::int32_t>& bitrates, std::size_t position,
+                   long index, [[maybe_unused]] const std::vector<std::size_t>& digitSums) {
+    const std::int32_t bitrate = bitrates[position];
+    if constexpr (std::is_same_v<Out, SizeCounter>) {
+        // A line is a constant part, the digits of the group, of the name, of the index and of
+        // the lower bitrate in the URI, "YES" or "NO", and a newline. Names below `bitrate` put
+        // their own digits in the URI, the others those of `bitrate`.
+        SizeCounter line;
+        appendXMedia(line, type, bitrate, bitrate, false, index);
+        const std::size_t digits = decimalLength(bitrate);
+        const std::size_t count = bitrates.size();
+        out.size += count * (line.size - 2 * digits + 1) + digitSums.back() + digitSums[position] +
+                    (count - position) * digits + 1;
+    } else {
+        for (std::int32_t name : bitrates) {
+            out += '\n';
+            appendXMedia(out, type, bitrate, name, name == bitrates.back(), index);
+        }
+    }
+}
+
+template <class Out> void writeMaster(Out& out, const std::vector<std::shared_ptr<Stream>>& streams) {
+    out += rawValue(Ext::start);
+    out += '\n';
+    out += rawValue(Ext::xVersion);
+
+    // Renditions come first, whatever their place in the source.
+    for (std::size_t i = 0; i < streams.size(); ++i) {
+        const MediaType type = streams[i]->mediaType.get();
+        if (type != MediaType::audio && type != MediaType::text) continue;
+        const auto index = static_cast<long>(i);
+        out += '\n';
+        out += rawValue(Ext::xMedia);
+        out += ':';
+        ElementWriter<Out> elements{out};
+        bool hasUri = false;
+        streams[i]->attributes.with([&](const AttributeList& attributes) {
+            for (const auto& [name, value] : attributes) {
+                if (name == "URI") {
+                    hasUri = true;
+                } else {
+                    elements.add(name, value);
+                }
+            }
+        });
+        if (hasUri) {
+            for (const auto& [bitrate, representation] : streams[i]->representations.get()) {
+                elements.next() += "URI=\"";
+                appendMediaUri(out, index, bitrate);
+                out += '"';
+            }
+        }
+    }
+
+    for (std::size_t i = 0; i < streams.size(); ++i) {
+        if (streams[i]->mediaType.get() != MediaType::video) continue;
+        const auto index = static_cast<long>(i);
+        const auto representations = streams[i]->representations.get();
+        std::vector<std::int32_t> bitrates; // ascending: the map is ordered
+        bitrates.reserve(representations.size());
+        std::vector<std::size_t> digitSums{0}; // digits of bitrates[0 ..< n], for counting
+        for (const auto& entry : representations) {
+            bitrates.push_back(entry.first);
+            if constexpr (std::is_same_v<Out, SizeCounter>)
+                digitSums.push_back(digitSums.back() + decimalLength(entry.first));
+        }
+        const bool several = representations.size() > 1;
+        std::size_t position = 0;
+        for (const auto& [bitrate, representation] : representations) {
+            if (several) appendXMedias(out, MediaType::video, bitrates, position, index, digitSums);
+            ++position;
+            out += '\n';
+            out += rawValue(Ext::xStreamInf);
+            out += ':';
+            ElementWriter<Out> elements{out};
+            representation->streamAttributes.with([&](const AttributeList& attributes) {
+                for (const auto& [name, value] : attributes)
+                    elements.add(name, value);
+            });
+            if (several) {
+                elements.next() += "VIDEO=\"";
+                out += std::to_string(bitrate);
+                out += '"';
+            }
+            out += '\n';
+            appendMediaUri(out, index, bitrate);
+        }
+    }
 }
 
 } // namespace
@@ -131,80 +257,35 @@ bool MasterPlayList::parsePlayList(std::string_view playList, const platform::Ur
     return true;
 }
 
+std::size_t MasterPlayList::rewrittenSize(const Presentation& presentation) {
+    SizeCounter counter;
+    writeMaster(counter, presentation.streams.get());
+    return counter.size;
+}
+
 std::optional<platform::Data> MasterPlayList::generatePlayList(Container& container) {
     auto* presentation = dynamic_cast<Presentation*>(&container);
     if (presentation == nullptr) return std::nullopt;
 
-    std::string out;
-    out += rawValue(Ext::start);
-    out += '\n';
-    out += rawValue(Ext::xVersion);
-
     const auto streams = presentation->streams.get();
-    // Renditions come first, whatever their place in the source.
-    for (std::size_t i = 0; i < streams.size(); ++i) {
-        const MediaType type = streams[i]->mediaType.get();
-        if (type != MediaType::audio && type != MediaType::text) continue;
-        const auto index = static_cast<long>(i);
-        out += '\n';
-        out += rawValue(Ext::xMedia);
-        out += ':';
-        ElementWriter elements{out};
-        bool hasUri = false;
-        streams[i]->attributes.with([&](const AttributeList& attributes) {
-            for (const auto& [name, value] : attributes) {
-                if (name == "URI") {
-                    hasUri = true;
-                } else {
-                    elements.add(name, value);
-                }
-            }
-        });
-        if (hasUri) {
-            for (const auto& [bitrate, representation] : streams[i]->representations.get()) {
-                elements.next() += "URI=\"";
-                appendMediaUri(out, index, bitrate);
-                out += '"';
-            }
-        }
+    SizeCounter counter;
+    writeMaster(counter, streams);
+    refusedSize_.reset();
+    if (counter.size > maximumRewrittenSize) {
+        refusedSize_ = counter.size;
+        OVALog(OVALogLevel::error, refusal(counter.size), generateFunction, fileName, __LINE__);
+        return std::nullopt;
     }
-
-    for (std::size_t i = 0; i < streams.size(); ++i) {
-        if (streams[i]->mediaType.get() != MediaType::video) continue;
-        const auto index = static_cast<long>(i);
-        const auto representations = streams[i]->representations.get();
-        std::vector<std::int32_t> bitrates; // ascending: the map is ordered
-        bitrates.reserve(representations.size());
-        for (const auto& entry : representations)
-            bitrates.push_back(entry.first);
-        const bool several = representations.size() > 1;
-        for (const auto& [bitrate, representation] : representations) {
-            if (several) {
-                for (std::int32_t name : bitrates) {
-                    out += '\n';
-                    appendXMedia(out, MediaType::video, bitrate, name, name == bitrates.back(), index);
-                }
-            }
-            out += '\n';
-            out += rawValue(Ext::xStreamInf);
-            out += ':';
-            ElementWriter elements{out};
-            representation->streamAttributes.with([&](const AttributeList& attributes) {
-                for (const auto& [name, value] : attributes)
-                    elements.add(name, value);
-            });
-            if (several) {
-                elements.next() += "VIDEO=\"";
-                out += std::to_string(bitrate);
-                out += '"';
-            }
-            out += '\n';
-            appendMediaUri(out, index, bitrate);
-        }
-    }
-
+    std::string out;
+    out.reserve(counter.size);
+    writeMaster(out, streams);
     presentation->playList.set(out);
     return out;
+}
+
+std::string MasterPlayList::refusal(std::size_t size) {
+    return "The rewritten master playlist would take " + std::to_string(size) + " bytes, more than the " +
+           std::to_string(maximumRewrittenSize) + " allowed; it is refused.";
 }
 
 std::vector<std::string> MasterPlayList::generateXMedias(MediaType type, std::int32_t bitrate,

@@ -158,12 +158,13 @@ void PlayListResource::didLoad(int retry, std::optional<platform::Data> data,
                      std::move(completion));
         return;
     }
-    answer(*data, *response);
+    auto refused = answer(*data, *response);
     session_->finishTasksAndInvalidate();
-    completion(Result::success());
+    completion(refused ? Result::failure(std::move(*refused)) : Result::success());
 }
 
-void PlayListResource::answer(const platform::Data& data, const platform::UrlResponse& response) {
+std::optional<platform::Error> PlayListResource::answer(const platform::Data& data,
+                                                        const platform::UrlResponse& response) {
     const platform::Url& fetchUrl = request_->url;
     if (auto listener = pluginListener.lock()) {
         OVALog(OVALogLevel::debug,
@@ -197,7 +198,13 @@ void PlayListResource::answer(const platform::Data& data, const platform::UrlRes
         if (playList->parsePlayList(data, fetchUrl, *container))
             generated = playList->generatePlayList(*container);
     }
+    // Passing a master through that was too large to rewrite would only hand the player the
+    // same burden: it gets the error instead.
+    if (const auto* master = dynamic_cast<const MasterPlayList*>(playList.get());
+        master && master->refusedSize())
+        return inputParam(MasterPlayList::refusal(*master->refusedSize()), 0x8400);
     loadingRequest_->dataRequest()->respond(generated ? *generated : data);
+    return std::nullopt;
 }
 
 } // namespace ovalto

@@ -40,7 +40,8 @@ private:
     void loadInternal(int retry, std::optional<platform::Error> error, Completion completion);
     void didLoad(int retry, std::optional<platform::Data> data, std::optional<platform::UrlResponse> response,
                  std::optional<platform::Error> error, Completion completion);
-    void answer(const platform::Data& data, const platform::UrlResponse& response);
+    // Responds to the loading request; the error instead when the playlist is refused.
+    std::optional<platform::Error> answer(const platform::Data& data, const platform::UrlResponse& response);
 
     std::shared_ptr<platform::LoadingRequest> loadingRequest_;
     // Every attempt sends this same request.

@@ -145,7 +145,36 @@ TEST_F(MasterPlayListTest, GeneratedPlaylists) {
         const auto result = rewrite(c.source);
         EXPECT_TRUE(result.parsed) << c.what;
         EXPECT_EQ(result.text, c.expected) << c.what;
+        EXPECT_EQ(MasterPlayList::rewrittenSize(*result.presentation), result.text.size()) << c.what;
     }
+}
+
+// `variants` variants with bandwidths of every length, negative ones included.
+std::string manyVariants(int variants) {
+    std::string source = "#EXTM3U\n#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"a\",NAME=\"en\",URI=\"en.m3u8\"\n";
+    for (int i = 0; i < variants; ++i)
+        source += "#EXT-X-STREAM-INF:BANDWIDTH=" + std::to_string((i % 7 - 2) * (i * i + 3)) +
+                  ",AUDIO=\"a\"\nv" + std::to_string(i) + ".m3u8\n";
+    return source;
+}
+
+TEST_F(MasterPlayListTest, TheRewrittenSizeIsKnownBeforehandAndTooLargeARewriteIsRefused) {
+    for (int variants : {2, 9, 10, 11, 120}) {
+        const auto result = rewrite(manyVariants(variants));
+        ASSERT_TRUE(result.parsed);
+        EXPECT_EQ(MasterPlayList::rewrittenSize(*result.presentation), result.text.size()) << variants;
+    }
+
+    // 10,000 variants would make about 10 GB: refused at once, nothing written.
+    auto presentation = std::make_shared<Presentation>();
+    MasterPlayList master;
+    ASSERT_TRUE(master.parsePlayList(manyVariants(10000), base, *presentation));
+    EXPECT_FALSE(master.generatePlayList(*presentation));
+    ASSERT_TRUE(master.refusedSize());
+    EXPECT_GT(*master.refusedSize(), 100 * MasterPlayList::maximumRewrittenSize);
+    EXPECT_FALSE(presentation->playList.get());
+    EXPECT_TRUE(log.contains("[Error MasterPlayList|generatePlayList(container:)|"));
+    EXPECT_TRUE(log.contains(MasterPlayList::refusal(*master.refusedSize())));
 }
 
 TEST_F(MasterPlayListTest, EmptyMasterLeavesOneEmptyVideoStream) {

@@ -254,6 +254,23 @@ TEST_F(PlayListResourceTest, DrippingOriginEndsInTheTimeoutErrorAtTheOverallDead
     EXPECT_EQ(outcome.error->code, platform::urlErrorTimedOut);
 }
 
+TEST_F(PlayListResourceTest, MasterTooLargeToRewriteFailsTheRequestInsteadOfPassingThrough) {
+    // 1,000 variants: the synthetic VIDEO renditions alone would take about 95 MB.
+    std::string source = "#EXTM3U\n";
+    for (int i = 1; i <= 1000; ++i)
+        source += "#EXT-X-STREAM-INF:BANDWIDTH=" + std::to_string(i * 1000) + "\nv" + std::to_string(i) +
+                  "/index.m3u8\n";
+    origin->serve("/huge/master.m3u8", source);
+    configure("/huge/master.m3u8");
+    const auto outcome = fetch("cplp://local/master.m3u8");
+    const auto error = ovaltoError(outcome);
+    ASSERT_TRUE(error) << static_cast<int>(outcome.kind);
+    EXPECT_EQ(error->code(), 0x8400);
+    EXPECT_TRUE(error->message().starts_with("The rewritten master playlist would take "))
+        << error->message();
+    EXPECT_FALSE(loader.presentation->playList.get());
+}
+
 struct InputRow {
     const char* name;
     const char* url;
