@@ -16,11 +16,16 @@
 #include <string>
 #include <vector>
 
+namespace nivora {
+class Nivora;
+}
+
 namespace ovalto {
 
 namespace platform {
 class PlayerItem;
-}
+class View;
+} // namespace platform
 class OvaltoInternal;
 
 // Module constants.
@@ -47,6 +52,9 @@ public:
     static std::shared_ptr<Ovalto> create();
     // A facade that reports every network step, start-up time and re-buffering to `listener`.
     static std::shared_ptr<Ovalto> create(std::shared_ptr<PluginListener> listener);
+    // A facade whose QoE manager hands requests, responses and reports to the plug-in library
+    // `nivora` (held weakly: the application keeps it).
+    static std::shared_ptr<Ovalto> create(const std::shared_ptr<nivora::Nivora>& nivora);
     ~Ovalto();
     Ovalto(const Ovalto&) = delete;
     Ovalto& operator=(const Ovalto&) = delete;
@@ -69,6 +77,10 @@ public:
     // The delivery servers segments are redirected to; empty, and not settable, before prepare().
     EdgeList edgeList();
     void setEdgeList(EdgeList edgeList);
+    // The plug-in the QoE manager reports to from now on; nothing without a QoE manager.
+    void setNivora(const std::shared_ptr<nivora::Nivora>& nivora);
+    // The view inside which the plug-in's pre-alerts appear (on an overlay of the same size).
+    void setPreAlertView(const std::shared_ptr<platform::View>& preAlertView);
 
     // Side-car subtitles. A document (file or http(s) URL; MIME types "application/x-subrip",
     // "text/vtt", "application/xml+nttml", "application/nttml+xml", "application/smil+xml",

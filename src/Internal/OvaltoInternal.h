@@ -1,6 +1,7 @@
 #pragma once
 
 #include "PlayList/Fragment.h"
+#include "PlayList/RewrittenUrl.h"
 #include "Resources/ErrorSink.h"
 #include "Resources/OVAResourceLoader.h"
 #include "TimedText/TimedText.h"
@@ -40,7 +41,7 @@ class OvaltoInternal : public ErrorSink, public std::enable_shared_from_this<Ova
 public:
     enum class State { unknown, prepare, start, stop, seek };
 
-    static inline const char* masterUrlString = "cplp://local/master.m3u8";
+    static inline const char* masterUrlString = RewrittenUrl::master;
     static constexpr const char* observedKeyPaths[] = {
         "status", "playbackLikelyToKeepUp", "playbackBufferFull", "playbackBufferEmpty", "loadedTimeRanges"};
 

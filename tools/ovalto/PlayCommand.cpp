@@ -3,7 +3,10 @@
 #include "Origin.h"
 #include "PlaySubtitles.h"
 #include "PreparationOutcome.h"
+#include "QoeSession.h"
+#include "ProtectedPlay.h"
 #include "RetryReporter.h"
+#include "PreparedSession.h"
 #include "Timeline.h"
 #include "ovalto/Notifications.h"
 #include "ovalto/Ovalto.h"
@@ -15,6 +18,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -49,6 +53,7 @@ Without URL it serves the built-in sample on a loopback port and plays that.
                               (sample:srt, sample:vtt, sample:ttml: the built-in sample's)
   --mime MIME                 its MIME type (application/x-subrip, text/vtt, application/nttml+xml
                               …; implied for the sample's)
+%s
 
 The timeline goes to standard output, library logs to standard error. Exit status: 0 when the
 stream played, 1 when preparation or playback failed, 2 for bad usage.
@@ -67,6 +72,8 @@ struct PlayOptions {
     bool json = false;
     double timeout = 60;
     std::shared_ptr<PlaySubtitles> subtitles = std::make_shared<PlaySubtitles>();
+    QoeSession qoe;
+    ProtectedPlay protection;
 };
 
 std::atomic<bool> interrupted{false};
@@ -100,8 +107,14 @@ std::optional<int> parseOptions(const std::vector<std::string>& args, PlayOption
     for (std::size_t i = 0; i < args.size(); ++i) {
         const auto& arg = args[i];
         if (arg == "--help" || arg == "-h") {
-            std::cout << playUsage;
+            std::printf(playUsage, QoeSession::usage);
+            std::cout << "\nProtected content:\n" << ProtectedPlay::usage;
             return 0;
+        }
+        std::string problem;
+        if (int taken = options.protection.parse(args, i, problem)) {
+            if (taken < 0) return fail(problem);
+            continue;
         }
         if (arg == "--json") {
             options.json = true;
@@ -156,6 +169,8 @@ std::optional<int> parseOptions(const std::vector<std::string>& args, PlayOption
                 }
             }
             if (!known) return fail("--log-level takes debug, info, warning, error or silent");
+        } else if (std::string error; options.qoe.take(arg, value, error)) {
+            if (!error.empty()) return fail(error);
         } else {
             return fail("unknown option " + arg);
         }
@@ -185,10 +200,16 @@ public:
     Session(PlayOptions options, Timeline& timeline)
         : options_(std::move(options))
         , timeline_(timeline) {}
+    void setAfterPreparation(AfterPreparation after) { after_ = std::move(after); }
 
     int run() {
         Ovalto::logLevel = options_.logLevel;
         std::unique_ptr<Origin> origin;
+        if (!options_.url && options_.protection.servesSample()) {
+            std::string error;
+            options_.url = options_.protection.start(timeline_, error);
+            if (!options_.url) return std::cerr << "ovalto play: " << error << "\n", 1;
+        }
         if (!options_.url) {
             Origin::Options serve;
             serve.directory = builtInSampleDirectory();
@@ -208,15 +229,18 @@ public:
             return 2;
         }
         if (!prepare(*url)) return 1;
+        if (after_) return after_(facade_, timeline_, interrupted);
         return play();
     }
 
 private:
     bool prepare(const platform::Url& url) {
         listener_ = std::make_shared<TimelineListener>(timeline_);
-        facade_ = Ovalto::create(listener_);
+        facade_ = Ovalto::create(options_.qoe.listener(listener_, timeline_));
         if (!options_.headers.empty())
             facade_->configurations[ConfigurationKey::httpHeaders] = options_.headers;
+        if (std::string error; !options_.protection.configure(facade_->configurations, error))
+            return std::cerr << "ovalto play: " << error << "\n", false;
 
         PreparationOutcome outcome(facade_);
         facade_->prepare(url, options_.customHeaders.empty() ? std::nullopt
@@ -374,6 +398,7 @@ private:
         player.reset();
         retries_.reset();
         facade_.reset(); // concludes the session
+        options_.qoe.finish();
         std::lock_guard lock(failureMutex);
         return failure ? 1 : 0;
     }
@@ -431,6 +456,7 @@ private:
     }
 
     PlayOptions options_;
+    AfterPreparation after_; // `ovalto bridge`: serve instead of playing
     Timeline& timeline_;
     std::shared_ptr<TimelineListener> listener_;
     std::shared_ptr<Ovalto> facade_;
@@ -454,6 +480,25 @@ int play(const std::vector<std::string>& args) {
     if (saved) std::cout.rdbuf(saved);
     return status;
 }
+
+} // namespace
+
+int prepareThen(const std::vector<std::string>& args, const std::string& usage, AfterPreparation after) {
+    PlayOptions options;
+    if (std::find(args.begin(), args.end(), "--help") != args.end()) {
+        std::cout << usage;
+        return 0;
+    }
+    if (auto status = parseOptions(args, options)) return *status;
+    std::signal(SIGINT, onInterrupt);
+    std::signal(SIGTERM, onInterrupt);
+    Timeline timeline(std::cout, options.json);
+    Session session(std::move(options), timeline);
+    session.setAfterPreparation(std::move(after));
+    return session.run();
+}
+
+namespace {
 
 CommandRegistrar registrar({"play", "prepare a stream through the library and play it (default: the sample)",
                             play});
