@@ -150,18 +150,10 @@ TEST(DocumentTest, UnreadableDocumentsLogOneLineAndLeaveTheTablesEmpty) {
     }
 }
 
-TEST(DocumentTest, AFiftyMegabyteLineAndBinaryJunkParse) {
+TEST(DocumentTest, AFiftyMegabyteLineParses) {
     std::string line(50u << 20, 'x');
     TempFile file("00:00:01,000 --> 00:00:02,000\n" + line + "\n");
     SubRip parser;
     parser.parse(file.url());
     EXPECT_EQ(parser.texts.at(100).size(), line.size());
-
-    std::string junk(1u << 20, '\0');
-    for (std::size_t i = 0; i < junk.size(); ++i)
-        junk[i] = static_cast<char>((i * 2654435761u) >> 13);
-    TempFile binary(junk);
-    SubRip fromJunk;
-    fromJunk.parse(binary.url()); // whatever it finds, it finishes
-    SUCCEED();
 }

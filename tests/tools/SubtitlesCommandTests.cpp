@@ -1,4 +1,4 @@
-// `ovalto subtitles`: the tables of a side-car document as text and JSON, and the exit statuses.
+// `ovalto subtitles`: the tables of a side-car document as JSON, and the exit statuses.
 #include "SubtitlesCommand.h"
 
 #include <gtest/gtest.h>
@@ -45,17 +45,6 @@ TEST(SubtitlesCommandTest, JsonHoldsBothTablesWithDecimalKeys) {
         nlohmann::json::parse(subtitles({"sample:ttml", "--mime", "application/xml+nttml", "--json"}).out);
     EXPECT_EQ(ttml["texts"].size(), 12u);
     EXPECT_TRUE(ttml["cues"].empty());
-}
-
-TEST(SubtitlesCommandTest, TextListsInTimeOrderWithCounts) {
-    const auto run = subtitles(
-        {std::string(OVALTO_SAMPLE_DIR) + "/sidecar/subtitles.srt", "--mime", "application/x-subrip"});
-    ASSERT_EQ(run.status, 0);
-    EXPECT_LT(run.out.find("\n       900  00:00:09.00  (clear)\n"),
-              run.out.find("\n      1000  00:00:10.00  Cue 6"));
-    EXPECT_NE(run.out.find("\n      1000  10000 ms --> 11000 ms  Cue 6: the pattern at 10 seconds\n"),
-              std::string::npos);
-    EXPECT_TRUE(run.out.ends_with("12 texts (6 clear marks), 6 cues\n")) << run.out;
 }
 
 TEST(SubtitlesCommandTest, ExitStatuses) {
