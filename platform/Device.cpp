@@ -9,6 +9,7 @@
 #include <random>
 
 #include <fstream>
+#include <mutex>
 #include <sstream>
 
 namespace ovalto::platform {
@@ -37,19 +38,38 @@ Device readDevice() {
         device.machine = names.machine; // stops at the first zero byte
         device.name = names.nodename;
         device.model = names.sysname;
-        device.systemVersion = names.release;
+        device.distributionVersion = names.release;
     }
     device.systemName = osReleaseValue("NAME");
     if (device.systemName.empty()) device.systemName = device.model;
-    if (auto version = osReleaseValue("VERSION_ID"); !version.empty()) device.systemVersion = version;
+    if (auto version = osReleaseValue("VERSION_ID"); !version.empty()) device.distributionVersion = version;
+    device.systemVersion = Device::keySystemContractVersion;
     return device;
+}
+
+std::mutex& versionMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+
+std::string& versionOverride() {
+    static std::string version;
+    return version;
 }
 
 } // namespace
 
-const Device& Device::current() {
+Device Device::current() {
     static const Device device = readDevice();
-    return device;
+    Device copy = device;
+    std::lock_guard lock(versionMutex());
+    if (!versionOverride().empty()) copy.systemVersion = versionOverride();
+    return copy;
+}
+
+void Device::setSystemVersion(const std::string& version) {
+    std::lock_guard lock(versionMutex());
+    versionOverride() = version;
 }
 
 bool Device::systemVersionAtLeast(int major, int minor) const {

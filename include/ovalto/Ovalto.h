@@ -1,13 +1,16 @@
 #pragma once
 
 #include "ovalto/ConfigurationKey.h"
+#include "ovalto/Cue.h"
 #include "ovalto/EdgeServer.h"
 #include "ovalto/MediaType.h"
 #include "ovalto/OVALog.h"
 #include "ovalto/PluginListener.h"
+#include "platform/MediaTime.h"
 #include "platform/Url.h"
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -78,6 +81,18 @@ public:
     void setNivora(const std::shared_ptr<nivora::Nivora>& nivora);
     // The view inside which the plug-in's pre-alerts appear (on an overlay of the same size).
     void setPreAlertView(const std::shared_ptr<platform::View>& preAlertView);
+
+    // Side-car subtitles. A document (file or http(s) URL; MIME types "application/x-subrip",
+    // "text/vtt", "application/xml+nttml", "application/nttml+xml", "application/smil+xml",
+    // "application/x-ass") is read in the background and replaces any earlier one; an unknown
+    // MIME type is ignored. While an item plays, the callbacks receive the text (empty: clear the
+    // display) and the cue that start at the item's current time, a hundred times a second, on a
+    // background thread, never on the main one. Delivery runs from the last preparation on:
+    // add the source after prepare() has succeeded.
+    void addTimedTextSource(const platform::Url& url, const std::string& mimeType);
+    void
+    setOnTimedText(std::function<void(const platform::MediaTime& time, const std::string& text)> onTimedText);
+    void setOnTimedTextCue(std::function<void(const std::shared_ptr<Cue>& cue)> onTimedTextCue);
 
     struct Key;
     Ovalto(const Key&, std::shared_ptr<PluginListener> listener);

@@ -92,6 +92,22 @@ void Ovalto::setEdgeList(EdgeList edgeList) {
     if (auto loader = impl()->resourceLoader.get()) loader->presentation->edgeList.set(std::move(edgeList));
 }
 
+void Ovalto::addTimedTextSource(const platform::Url& url, const std::string& mimeType) {
+    if (auto type = MimeType::fromString(mimeType)) impl()->addTimedTextSource(url, *type);
+}
+
+void Ovalto::setOnTimedText(std::function<void(const platform::MediaTime&, const std::string&)> onTimedText) {
+    impl()->onTimedText.set(
+        onTimedText ? std::make_shared<const OvaltoInternal::TimedTextHandler>(std::move(onTimedText))
+                    : nullptr);
+}
+
+void Ovalto::setOnTimedTextCue(std::function<void(const std::shared_ptr<Cue>&)> onTimedTextCue) {
+    impl()->onTimedTextCue.set(onTimedTextCue ? std::make_shared<const OvaltoInternal::TimedTextCueHandler>(
+                                                    std::move(onTimedTextCue))
+                                              : nullptr);
+}
+
 void Ovalto::setNivora(const std::shared_ptr<nivora::Nivora>& nivora) {
     logCall("setNivora(nivora:)", __LINE__);
     if (auto manager = std::dynamic_pointer_cast<QOEManager>(listener_)) manager->setNivora(nivora);
