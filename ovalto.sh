@@ -10,6 +10,7 @@ PACKAGES=(
     libcurl4-openssl-dev libcpp-httplib-dev nlohmann-json3-dev libexpat1-dev
     liburiparser-dev libsqlite3-dev libgtest-dev libgmock-dev libbenchmark-dev
     libssl-dev libpango1.0-dev libcairo2-dev fonts-dejavu-core fonts-vlgothic
+    ffmpeg mpv gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-libav
 )
 FUZZ_PACKAGES=(clang libclang-rt-14-dev)
 COMPARE_PACKAGES=(python3 python3-m3u8)
@@ -27,7 +28,10 @@ Commands:
   tool ARGS            build and run the `ovalto` command-line tool with ARGS
   bench [FILTER]       build the benchmarks (Release) and run them
   fuzz TARGET SECONDS  build the libFuzzer targets with clang and run TARGET for SECONDS
-                       (targets: fuzz_attributes fuzz_master fuzz_media)
+                       (targets: fuzz_attributes fuzz_master fuzz_media fuzz_key_messages
+                        fuzz_route_table fuzz_json_writer fuzz_subrip fuzz_ttml fuzz_bridge_url
+                        fuzz_rewritten_url)
+  package              build (Release) and make build/release/ovalto_<version>_amd64.deb
   setup                install the Debian packages the build needs (apt-get)
   format               run clang-format over the sources
   help                 this text
@@ -107,6 +111,11 @@ tool | play)
     if [ "$cmd" = play ]; then set -- play "$@"; fi
     exec "$BUILD_DIR/bin/ovalto" "$@"
     ;;
+package)
+    need_packages "${PACKAGES[@]}"
+    configure_and_build release -DCMAKE_BUILD_TYPE=Release -DOVALTO_TESTS=OFF
+    cd "$BUILD_DIR" && cpack -G DEB
+    ;;
 bench)
     need_packages "${PACKAGES[@]}"
     configure_and_build bench -DCMAKE_BUILD_TYPE=Release -DOVALTO_TESTS=OFF -DOVALTO_BENCH=ON
@@ -121,15 +130,20 @@ fuzz)
     CC=clang CXX=clang++ configure_and_build fuzz -DOVALTO_FUZZ=ON -DOVALTO_TESTS=OFF
     shift 2
     # New inputs go to the working corpus; the seeds are the kept corpus fuzz/corpus/TARGET and
-    # the playlist fixtures of the tests (every target reads playlists: the attribute target takes
-    # each line as a tag line). Findings land in build/fuzz/artifacts; once fixed, a finding is
-    # copied into fuzz/corpus/TARGET, which `./ovalto.sh test` replays. Further arguments go to
-    # libFuzzer.
+    # the playlist fixtures of the tests (every playlist target reads playlists: the attribute
+    # target takes each line as a tag line), or for the subtitle targets the side-car documents of
+    # the tests. Findings land in build/fuzz/artifacts; once fixed, a finding is copied into
+    # fuzz/corpus/TARGET, which `./ovalto.sh test` replays. Further arguments go to libFuzzer.
+    seeds="$ROOT/tests/data/playlists" dict="$ROOT/fuzz/hls.dict"
+    case $target in fuzz_subrip | fuzz_ttml) seeds="$ROOT/tests/data/timedtext" dict="$ROOT/fuzz/timedtext.dict" ;; esac
     corpus="$ROOT/build/fuzz/corpus/$target"
     artifacts="$ROOT/build/fuzz/artifacts"
     mkdir -p "$corpus" "$artifacts"
-    exec "$BUILD_DIR/fuzz/$target" "$corpus" "$ROOT/fuzz/corpus/$target" "$ROOT/tests/data/playlists" \
-        -dict="$ROOT/fuzz/hls.dict" \
+    inputs=("$corpus")
+    [ -d "$ROOT/fuzz/corpus/$target" ] && inputs+=("$ROOT/fuzz/corpus/$target")
+    # Inputs that are not playlists (bridge request targets) are seeded from fuzz/seeds/<name> too.
+    [ -d "$ROOT/fuzz/seeds/${target#fuzz_}" ] && inputs+=("$ROOT/fuzz/seeds/${target#fuzz_}")
+    exec "$BUILD_DIR/fuzz/$target" "${inputs[@]}" "$seeds" -dict="$dict" \
         -artifact_prefix="$artifacts/$target-" -max_total_time="$seconds" -print_final_stats=1 "$@"
     ;;
 format)

@@ -51,14 +51,14 @@ std::string masterPlayList() {
     return text;
 }
 
-// 10,000 byte-range segments of fMP4 with an initialisation section and a key every 100
+// `count` byte-range segments of fMP4 with an initialisation section and a key every 100
 // segments (one media file per key period).
-std::string vodPlayList() {
+std::string vodPlayList(int count = 10000) {
     std::string text = "#EXTM3U\n#EXT-X-VERSION:7\n#EXT-X-TARGETDURATION:7\n#EXT-X-MEDIA-SEQUENCE:0\n"
                        "#EXT-X-PLAYLIST-TYPE:VOD\n#EXT-X-INDEPENDENT-SEGMENTS\n"
                        "#EXT-X-MAP:URI=\"init.mp4\",BYTERANGE=\"1234@0\"\n";
     long offset = 1234;
-    for (int i = 0; i < 10000; ++i) {
+    for (int i = 0; i < count; ++i) {
         if (i % 100 == 0) {
             text += "#EXT-X-KEY:METHOD=SAMPLE-AES,URI=\"skd://keys.example.com/asset/" +
                     std::to_string(i / 100) +
@@ -170,11 +170,13 @@ void BM_LiveWindowReloads(benchmark::State& state) {
 }
 BENCHMARK(BM_LiveWindowReloads)->Unit(benchmark::kMillisecond);
 
-// --write-inputs=DIR: master.m3u8, vod.m3u8 and live.m3u8s (the windows, NUL-separated).
+// --write-inputs=DIR: master.m3u8, vod.m3u8, live.m3u8s (the windows, NUL-separated) and
+// vod-100k.m3u8, the 100,000-segment VOD that the whole-process comparison rewrites.
 bool writeInputs(const std::filesystem::path& directory) {
     std::filesystem::create_directories(directory);
     std::ofstream(directory / "master.m3u8", std::ios::binary) << masterPlayList();
     std::ofstream(directory / "vod.m3u8", std::ios::binary) << vodPlayList();
+    std::ofstream(directory / "vod-100k.m3u8", std::ios::binary) << vodPlayList(100000);
     std::ofstream live(directory / "live.m3u8s", std::ios::binary);
     for (int i = 0; i < liveReloads; ++i)
         live << liveWindow(1000 + i) << '\0';

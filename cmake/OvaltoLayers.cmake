@@ -37,6 +37,8 @@ function(ovalto_layer target dir)
     file(GLOB _sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${dir}/*.cpp)
     if(_sources)
         add_library(${target} STATIC ${_sources})
+        # The installed library is every layer's objects in one archive.
+        set_property(GLOBAL APPEND PROPERTY OVALTO_LAYERS ${target})
         target_link_libraries(${target} PUBLIC ovalto_settings ${L_DEPS})
     else()
         add_library(${target} INTERFACE)

@@ -187,6 +187,19 @@ KeyValueStore::KeyValueStore(const std::string& path)
 
 KeyValueStore::~KeyValueStore() = default;
 
+std::vector<std::string> KeyValueStore::dataKeys() const {
+    std::lock_guard lock(impl_->mutex);
+    std::vector<std::string> keys;
+    if (!impl_->db) return keys;
+    Statement statement = impl_->prepare("SELECT key FROM entries WHERE is_text = 0 ORDER BY key");
+    if (!statement) return keys;
+    while (sqlite3_step(statement.get()) == SQLITE_ROW) {
+        const auto* text = sqlite3_column_text(statement.get(), 0);
+        if (text) keys.emplace_back(reinterpret_cast<const char*>(text));
+    }
+    return keys;
+}
+
 std::string KeyValueStore::standardPath() {
     if (auto path = environment("OVALTO_DEFAULTS_PATH"); !path.empty()) return path;
     auto dataHome = environment("XDG_DATA_HOME");

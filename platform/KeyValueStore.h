@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace ovalto::platform {
 
@@ -27,6 +28,8 @@ public:
     std::optional<Data> data(const std::string& key) const;
     std::optional<std::string> string(const std::string& key) const;
     bool remove(const std::string& key);
+    // The keys of the entries stored with set() (bytes), in key order; empty when unreadable.
+    std::vector<std::string> dataKeys() const;
     // Writes are durable when they return; kept for callers that synchronise explicitly.
     bool synchronize();
 

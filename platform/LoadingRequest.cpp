@@ -1,5 +1,7 @@
 #include "platform/LoadingRequest.h"
 
+#include "platform/ContentKey.h"
+#include "platform/KeyExchange.h"
 #include "platform/SystemLog.h"
 
 #include <cassert>
@@ -7,20 +9,6 @@
 namespace ovalto::platform {
 
 namespace {
-
-// FNV-1a: enough to make the stand-in key blobs depend on every input byte.
-std::uint64_t digest(std::string_view bytes, std::uint64_t hash = 0xcbf29ce484222325ULL) {
-    for (unsigned char c : bytes) {
-        hash ^= c;
-        hash *= 0x100000001b3ULL;
-    }
-    return hash;
-}
-
-void appendBigEndian(Data& out, std::uint64_t value, int bytes) {
-    for (int i = bytes - 1; i >= 0; --i)
-        out += static_cast<char>((value >> (8 * i)) & 0xff);
-}
 
 Error loaderError(LoaderErrorCode code, std::string description) {
     return Error{Error::loaderDomain, code, std::move(description), {}};
@@ -169,6 +157,7 @@ void LoadingRequest::end(LoadingOutcome outcome, Ending ending) {
         }
         outcome.response = response_;
         if (contentInformationRequest_) outcome.contentType = contentInformationRequest_->contentType_;
+        outcome.keySession = keySession_;
         completion = std::move(completion_);
     }
     if (completion) completion(outcome);
@@ -180,32 +169,34 @@ std::variant<Data, Error> LoadingRequest::streamingContentKeyRequestData(const D
     if (appCertificate.empty()) {
         return loaderError(loaderErrorInvalidCertificate, "The application certificate is not valid.");
     }
-    if (contentIdentifier.empty() || contentIdentifier.size() > 0xffff) {
-        return loaderError(loaderErrorInvalidContentIdentifier, "The content identifier is not valid.");
-    }
     bool persistent = false;
     if (auto option = options.find(streamingContentKeyRequestRequiresPersistentKey);
         option != options.end()) {
         if (const bool* value = std::any_cast<bool>(&option->second)) persistent = *value;
     }
-    Data blob = "SPC1";
-    blob += static_cast<char>(persistent ? 1 : 0);
-    appendBigEndian(blob, digest(appCertificate), 8);
-    appendBigEndian(blob, contentIdentifier.size(), 2);
-    blob += contentIdentifier;
-    appendBigEndian(blob, digest(blob), 8);
-    return blob;
+    auto request = KeyExchange::makeRequest(appCertificate, contentIdentifier, persistent);
+    if (auto* error = std::get_if<Error>(&request)) return *error;
+    auto& made = std::get<KeyExchange::Request>(request);
+    std::lock_guard lock(mutex_);
+    keySession_ = std::move(made.session);
+    return std::move(made.serverPlaybackContext);
 }
 
 std::variant<Data, Error> LoadingRequest::persistentContentKey(const Data& keyVendorResponse,
                                                                const Options& /*options*/) const {
+    std::optional<KeyRequestSession> session;
+    {
+        std::lock_guard lock(mutex_);
+        session = keySession_;
+    }
+    if (!session)
+        return loaderError(loaderErrorInvalidKeyResponse, "No key request was made on this request.");
     if (keyVendorResponse.empty()) {
         return loaderError(loaderErrorInvalidKeyResponse, "The key vendor response is empty.");
     }
-    Data key = "PCK1";
-    appendBigEndian(key, digest(keyVendorResponse), 8);
-    key += keyVendorResponse;
-    return key;
+    auto key = KeyExchange::readAnswer(keyVendorResponse, *session);
+    if (auto* error = std::get_if<Error>(&key)) return *error;
+    return std::get<ContentKey>(key).seal();
 }
 
 } // namespace ovalto::platform

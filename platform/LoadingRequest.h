@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/Error.h"
+#include "platform/KeyRequestSession.h"
 #include "platform/UrlRequest.h"
 
 #include <any>
@@ -33,6 +34,9 @@ enum LoaderErrorCode : std::int64_t {
     loaderErrorInvalidCertificate = 3,
     loaderErrorInvalidContentIdentifier = 4,
     loaderErrorInvalidKeyResponse = 5,
+    loaderErrorKeyForAnotherAsset = 6,
+    loaderErrorKeyExpired = 7,
+    loaderErrorKeyStorageUnavailable = 8, // the device secret that seals stored keys
 };
 
 // The part of a loading request that asks for bytes.
@@ -95,6 +99,8 @@ struct LoadingOutcome {
     std::optional<UrlResponse> response;    // the response the answerer set, if any
     std::optional<std::string> contentType; // from the content-information request
     std::optional<Error> error;             // error
+    // The key request made on the request, which the answer to it is read with.
+    std::optional<KeyRequestSession> keySession;
 };
 
 // One request of the player for a resource it cannot load itself. The player creates it, hands
@@ -146,13 +152,15 @@ public:
     // Player side: fails the request unless it already ended (a delegate that declined it).
     void failIfPending(const Error& error);
 
-    // The key request ("server playback context") for `contentIdentifier`, made with the
-    // application's certificate; an error when either is empty.
-    // Linux has no key-system module: the blob is a fixed header plus a digest of its inputs.
+    // The key request ("server playback context") for `contentIdentifier`: a fresh session key
+    // encrypted to the application certificate's public key. The request keeps the session, so
+    // that only the answer to this key request can be turned into a key. A loader error when the
+    // certificate is not one or the identifier is empty.
     std::variant<Data, Error> streamingContentKeyRequestData(const Data& appCertificate,
                                                              const Data& contentIdentifier,
                                                              const Options& options = {}) const;
-    // The storable key made from a key vendor's answer (stand-in: header plus the answer).
+    // The storable key made from a key vendor's answer to the key request made on this request:
+    // the content key sealed for this device, with its asset and expiry.
     std::variant<Data, Error> persistentContentKey(const Data& keyVendorResponse,
                                                    const Options& options = {}) const;
 
@@ -170,6 +178,7 @@ private:
     std::optional<UrlRequest> redirect_;
     bool finished_ = false;
     bool cancelled_ = false;
+    mutable std::optional<KeyRequestSession> keySession_;
     Completion completion_;
 };
 

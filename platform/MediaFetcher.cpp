@@ -95,8 +95,7 @@ void MediaFetcher::setTrace(Trace trace) {
 }
 
 bool MediaFetcher::isCustomScheme(const Url& url) {
-    const auto scheme = url.scheme();
-    return !scheme || (*scheme != "http" && *scheme != "https" && *scheme != "file");
+    return !url.hasScheme("http") && !url.hasScheme("https") && !url.hasScheme("file");
 }
 
 std::shared_ptr<FetchTask> MediaFetcher::fetch(FetchRequest request, Completion completion) {
@@ -157,6 +156,7 @@ void MediaFetcher::fetchThroughDelegate(const std::shared_ptr<FetchTask>& task) 
             FetchResult result(task->request_.url, true);
             result.response = outcome.response;
             result.contentType = outcome.contentType;
+            result.keySession = outcome.keySession;
             if (outcome.response && outcome.response->isHttp)
                 result.statusCode = outcome.response->statusCode;
             switch (outcome.kind) {

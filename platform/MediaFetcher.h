@@ -3,6 +3,7 @@
 #include "platform/Cookie.h"
 #include "platform/Error.h"
 #include "platform/HlsReader.h"
+#include "platform/KeyRequestSession.h"
 #include "platform/UrlRequest.h"
 
 #include <chrono>
@@ -42,6 +43,7 @@ struct FetchResult {
     std::optional<Data> data;
     std::optional<UrlResponse> response;
     std::optional<std::string> contentType;
+    std::optional<KeyRequestSession> keySession; // of a key request made while answering
     std::optional<Error> error;
     int statusCode = 0; // HTTP status of the transfer that delivered the bytes, 0 for none
     std::chrono::steady_clock::duration transferDuration{};

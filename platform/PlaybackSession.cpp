@@ -3,6 +3,7 @@
 #include "platform/Asset.h"
 #include "platform/AssetResourceLoader.h"
 #include "platform/DispatchQueue.h"
+#include "platform/SegmentCipher.h"
 
 #include <algorithm>
 #include <cmath>
@@ -25,8 +26,10 @@ enum PlayerErrorCode : std::int64_t {
     playerErrorNotPlayable = 1,
     playerErrorBadPlaylist = 2,
     playerErrorLiveStalled = 3,
+    playerErrorUndecryptable = 4, // a protected segment without a usable key, or not media once decrypted
 };
 constexpr double stallTargetDurations = 3; // of an unchanged live playlist before it counts as stalled
+constexpr std::string_view protectedKeyScheme = "skd";
 
 Error playerError(PlayerErrorCode code, std::string description) {
     return Error{playerErrorDomain, code, std::move(description), {}};
@@ -441,11 +444,24 @@ void PlaybackSession::pumpTrack(Track& track) {
             return;
         }
     }
+    track.decryption.reset();
     if (segment.key && segment.key->uri) {
         auto key = keys_.find(segment.key->uri->absoluteString());
         if (key == keys_.end() || !key->second) {
             requestKey(*segment.key->uri);
             return; // the key's arrival pumps again
+        }
+        // Whole segments under an "skd" key are this platform's protection; sample-level
+        // encryption (SAMPLE-AES) is left to a decoder, which a headless player does not have.
+        if (segment.key->uri->scheme() == protectedKeyScheme && segment.key->method == "AES-128") {
+            auto decryption = decryptionFor(segment);
+            if (auto* error = std::get_if<Error>(&decryption)) {
+                FetchResult result(segment.uri);
+                result.error = *error;
+                logError(result);
+                return fail(*error);
+            }
+            track.decryption = std::get<std::pair<ContentKey, Data>>(std::move(decryption));
         }
     }
     fetchMedia(track, {segment.uri, segment.byteRange, false}, std::nullopt, start, start + segment.duration);
@@ -488,6 +504,7 @@ void PlaybackSession::mediaLoaded(Role role, std::uint64_t generation, std::opti
         });
         return;
     }
+    if (!initKey && !decrypt(track, result)) return;
     track.segmentFailures = {};
     if (initKey) {
         track.initSections.insert(*initKey);
@@ -533,9 +550,55 @@ void PlaybackSession::keyLoaded(const std::string& key, FetchResult result) {
         logError(result);
         return fail(*result.error);
     }
+    if (result.url.scheme() == protectedKeyScheme) {
+        auto contentKey = ContentKey::fromKeyAnswer(result.data.value_or(Data()), result.contentType,
+                                                    result.keySession, result.url.host().value_or(""));
+        if (auto* error = std::get_if<Error>(&contentKey)) {
+            result.error = *error;
+            logError(result);
+            return fail(*error);
+        }
+        contentKeys_.insert_or_assign(key, std::get<ContentKey>(std::move(contentKey)));
+    }
     keys_[key] = true;
     pump();
     update();
+}
+
+std::variant<std::pair<ContentKey, Data>, Error>
+PlaybackSession::decryptionFor(const HlsSegment& segment) const {
+    const std::string uri = segment.key->uri->absoluteString();
+    auto found = contentKeys_.find(uri);
+    if (found == contentKeys_.end())
+        return playerError(playerErrorUndecryptable, "No content key was obtained from " + uri + ".");
+    if (found->second.isExpired())
+        return playerError(playerErrorUndecryptable, "The content key from " + uri + " has expired.");
+    Data iv = found->second.iv;
+    if (segment.key->iv) {
+        auto given = SegmentCipher::ivFromAttribute(*segment.key->iv);
+        if (!given)
+            return playerError(playerErrorUndecryptable, "The IV of the key " + uri + " is not valid.");
+        iv = std::move(*given);
+    }
+    return std::pair{found->second, std::move(iv)};
+}
+
+bool PlaybackSession::decrypt(Track& track, FetchResult& result) {
+    auto decryption = std::exchange(track.decryption, std::nullopt);
+    if (!decryption) return true;
+    const auto& [contentKey, iv] = *decryption;
+    auto clear = SegmentCipher::decrypt(result.data.value_or(Data()), contentKey.key, iv);
+    if (clear && SegmentCipher::looksLikeMedia(*clear)) {
+        result.data = std::move(*clear);
+        return true;
+    }
+    // Garbage must never reach the decoder: a wrong or damaged key ends playback.
+    result.error = playerError(playerErrorUndecryptable, "The segment " + result.url.absoluteString() +
+                                                             " cannot be decrypted with the key for " +
+                                                             contentKey.assetId + ".");
+    logError(result);
+    fail(*result.error);
+    return false;
 }
 
 void PlaybackSession::considerSwitch(const FetchResult& result) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/ContentKey.h"
 #include "platform/HlsReader.h"
 #include "platform/MediaFetcher.h"
 #include "platform/MediaSelectionGroup.h"
@@ -15,6 +16,8 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
+#include <variant>
 #include <vector>
 
 namespace ovalto::platform {
@@ -70,6 +73,8 @@ private:
         Failures segmentFailures;
         RetryBackoff::Clock::time_point changedAt{}; // when a reload last brought something new
         bool stalled = false;                        // a live playlist that stopped changing
+        // How the segment being fetched is decrypted; none for a clear one.
+        std::optional<std::pair<ContentKey, Data>> decryption;
 
         bool gatesPlayback() const { return role != Role::subtitles; }
     };
@@ -100,6 +105,9 @@ private:
     void recordMediaRequest(const FetchResult& result);
     void requestKey(const Url& uri);
     void keyLoaded(const std::string& key, FetchResult result);
+    // Key and IV for a segment under an "skd" key; the error when there is no usable key.
+    std::variant<std::pair<ContentKey, Data>, Error> decryptionFor(const HlsSegment& segment) const;
+    bool decrypt(Track& track, FetchResult& result);
     void considerSwitch(const FetchResult& result);
 
     // State
@@ -135,11 +143,12 @@ private:
     std::optional<HlsMasterPlaylist> master_;
     std::size_t variant_ = 0;
     std::map<Role, Track> tracks_;
-    std::map<std::string, bool> keys_; // key URI -> obtained
-    std::optional<double> startAt_;    // a seek made before the presentation was open
-    std::optional<double> duration_;   // of a finished presentation
-    double rangeStart_ = 0;            // where the loaded range begins
-    double limit_ = 0;                 // how far buffered media reaches
+    std::map<std::string, bool> keys_;              // key URI -> obtained
+    std::map<std::string, ContentKey> contentKeys_; // "skd" key URI -> the key it gave
+    std::optional<double> startAt_;                 // a seek made before the presentation was open
+    std::optional<double> duration_;                // of a finished presentation
+    double rangeStart_ = 0;                         // where the loaded range begins
+    double limit_ = 0;                              // how far buffered media reaches
     double rate_ = 0;
     double throughput_ = 0; // bits per second, smoothed
     int samplesSinceSwitch_ = 0;

@@ -59,21 +59,18 @@ std::size_t rangeLength(const UriTextRangeA& range) {
     return range.first == nullptr ? 0 : static_cast<std::size_t>(range.afterLast - range.first);
 }
 
-std::optional<std::string> normalisedText(UriHolder& holder) {
-    UriUriA& uri = holder.uri();
-    unsigned int mask = uriNormalizeSyntaxMaskRequiredA(&uri);
-    if (uri.hostData.ip6 != nullptr || uri.hostData.ipFuture.first != nullptr) mask &= ~URI_NORMALIZE_HOST;
-    if (mask != URI_NORMALIZED && uriNormalizeSyntaxExA(&uri, mask) != URI_SUCCESS) return std::nullopt;
+// The text of a URI that uriparser has put together (a resolved reference), written out without
+// any normalisation: every component is copied from the texts it came from.
+std::optional<std::string> writtenText(const UriHolder& holder) {
+    const UriUriA& uri = holder.uri();
     int required = 0;
     if (uriToStringCharsRequiredA(&uri, &required) != URI_SUCCESS) return std::nullopt;
     std::vector<char> buffer(static_cast<std::size_t>(required) + 1);
     if (uriToStringA(buffer.data(), &uri, required + 1, nullptr) != URI_SUCCESS) return std::nullopt;
     std::string text(buffer.data());
     if (uri.hostData.ip6 != nullptr) {
-        // uriparser writes IPv6 addresses out in full; keep the address as written, lower-cased.
-        std::string written = "[" + std::string(uri.hostText.first, uri.hostText.afterLast) + "]";
-        for (char& c : written)
-            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        // uriparser writes IPv6 addresses out in full; put back the address as it was written.
+        const std::string written = "[" + std::string(uri.hostText.first, uri.hostText.afterLast) + "]";
         std::string full = "[";
         for (int i = 0; i < 16; i += 2) {
             static constexpr char hex[] = "0123456789abcdef";
@@ -115,11 +112,11 @@ std::string escapedComponent(std::string_view text, bool query) {
     return out;
 }
 
-// A relative reference that needs neither escaping nor normalisation: plain path characters
-// (RFC 3986 pchar without percent-escapes, and "/"), no "." or ".." segment, and an optional
-// query of the same characters and "?". One pass; on success `question` is where the query's
-// "?" stands (npos when there is none).
-bool isPlainRelativeReference(std::string_view reference, std::size_t& question) {
+// A relative reference that makes a valid URL when it replaces the last path segment: path
+// characters (RFC 3986 pchar, with well-formed percent escapes, and "/") and an optional query of
+// the same characters and "?". Dot segments are text like any other, since nothing is normalised.
+// One pass; on success `question` is where the query's "?" stands (npos when there is none).
+bool isPathReference(std::string_view reference, std::size_t& question) {
     static constexpr auto plain = [] {
         std::array<bool, 256> table{};
         for (unsigned char c = 'a'; c <= 'z'; ++c)
@@ -132,31 +129,41 @@ bool isPlainRelativeReference(std::string_view reference, std::size_t& question)
             table[c] = true;
         return table;
     }();
+    const auto isHex = [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+    };
     if (reference.starts_with('/')) return false;
     question = std::string_view::npos;
-    std::size_t segmentStart = 0;
-    const auto isDotSegment = [&](std::size_t end) {
-        const std::string_view segment = reference.substr(segmentStart, end - segmentStart);
-        return segment == "." || segment == "..";
-    };
     for (std::size_t i = 0; i < reference.size(); ++i) {
         const auto c = static_cast<unsigned char>(reference[i]);
-        if (question != std::string_view::npos) {
-            if (!plain[c] && c != '?') return false;
-        } else if (c == '/' || c == '?') {
-            if (isDotSegment(i)) return false;
-            segmentStart = i + 1;
-            if (c == '?') question = i;
-        } else if (!plain[c]) {
+        if (plain[c]) continue;
+        if (c == '%') {
+            if (i + 2 >= reference.size() || !isHex(reference[i + 1]) || !isHex(reference[i + 2]))
+                return false;
+            i += 2;
+        } else if (c == '?') {
+            if (question == std::string_view::npos) question = i;
+        } else {
             return false;
         }
     }
-    return question != std::string_view::npos || !isDotSegment(reference.size());
+    return true;
+}
+
+// Whether every "%" in `text` starts an escape of two hexadecimal digits.
+bool hasWellFormedEscapes(std::string_view text) {
+    const auto isHex = [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+    };
+    for (auto at = text.find('%'); at != std::string_view::npos; at = text.find('%', at + 1)) {
+        if (at + 2 >= text.size() || !isHex(text[at + 1]) || !isHex(text[at + 2])) return false;
+    }
+    return true;
 }
 
 } // namespace
 
-// Builds the value from normalised text, taking every component from uriparser's ranges.
+// Builds the value from the text as it stands, taking every component from uriparser's ranges.
 struct UrlBuilder {
     static std::optional<Url> make(std::string text) {
         UriHolder holder;
@@ -205,11 +212,7 @@ struct UrlBuilder {
 
 std::optional<Url> Url::parse(std::string_view text) {
     if (!isPlausible(text)) return std::nullopt;
-    UriHolder holder;
-    if (!holder.parse(text)) return std::nullopt;
-    auto normalised = normalisedText(holder);
-    if (!normalised) return std::nullopt;
-    return UrlBuilder::make(std::move(*normalised));
+    return UrlBuilder::make(std::string(text));
 }
 
 std::optional<Url> Url::parse(std::string_view reference, const Url& base) {
@@ -220,9 +223,9 @@ std::optional<Url> Url::parse(std::string_view reference, const Url& base) {
     if (!relative.parse(reference) || !absoluteBase.parse(base.text()) ||
         !resolved.resolve(relative, absoluteBase))
         return std::nullopt;
-    auto normalised = normalisedText(resolved);
-    if (!normalised) return std::nullopt;
-    return UrlBuilder::make(std::move(*normalised));
+    auto written = writtenText(resolved);
+    if (!written) return std::nullopt;
+    return UrlBuilder::make(std::move(*written));
 }
 
 Url Url::fileUrl(std::string_view path) {
@@ -241,6 +244,14 @@ Url Url::fileUrl(std::string_view path) {
 std::optional<std::string> Url::component(const Part& part) const {
     if (!part) return std::nullopt;
     return text().substr(part.begin, part.length);
+}
+
+bool Url::hasScheme(std::string_view lowerCase) const {
+    if (!scheme_ || scheme_.length != lowerCase.size()) return false;
+    for (std::size_t i = 0; i < lowerCase.size(); ++i) {
+        if (std::tolower(static_cast<unsigned char>(text()[scheme_.begin + i])) != lowerCase[i]) return false;
+    }
+    return true;
 }
 
 std::string Url::path() const {
@@ -276,6 +287,18 @@ Url Url::deletingLastPathComponent() const {
         path = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
         if (path.empty() && !scheme_ && !host_) path = "./";
     }
+    if (scheme_ && path.starts_with('/')) {
+        // A shorter absolute path of the same URL is a URL as it stands: no second parse (the
+        // redirect of every segment takes its master's directory).
+        Url url;
+        url.text_ = std::make_shared<const std::string>(text().substr(0, pathBegin_) + path);
+        url.scheme_ = scheme_;
+        url.host_ = host_;
+        url.port_ = port_;
+        url.pathBegin_ = pathBegin_;
+        url.pathEnd_ = url.text_->size();
+        return url;
+    }
     auto url = parse(text().substr(0, pathBegin_) + path);
     return url ? *url : *this;
 }
@@ -300,15 +323,38 @@ Url Url::appendingPathComponent(std::string_view component) const {
     std::string text = this->text().substr(0, pathEnd_);
     if (!endsWithSlash && !component.starts_with('/') && !(path.empty() && !scheme_ && !host_)) text += '/';
     text += escapedComponent(component, false);
+    const std::size_t pathEnd = text.size();
+    Part queryPart, fragmentPart;
     if (query) {
+        queryPart.begin = text.size() + 1;
         text += '?' + escapedComponent(*query, true);
     } else if (query_) {
+        queryPart.begin = text.size() + 1;
         text += '?' + *this->query();
     }
+    if (queryPart) queryPart.length = text.size() - queryPart.begin;
     if (fragment) {
+        fragmentPart.begin = text.size() + 1;
         text += '#' + escapedComponent(*fragment, true);
     } else if (fragment_) {
+        fragmentPart.begin = text.size() + 1;
         text += '#' + *this->fragment();
+    }
+    if (fragmentPart) fragmentPart.length = text.size() - fragmentPart.begin;
+    // Behind an authority, the appended text can only be a path, query and fragment, and with
+    // well-formed escapes it is valid as it stands: no second parse (every segment moved onto an
+    // edge comes this way).
+    if (host_ && hasWellFormedEscapes(std::string_view(text).substr(pathEnd_))) {
+        Url url;
+        url.text_ = std::make_shared<const std::string>(std::move(text));
+        url.scheme_ = scheme_;
+        url.host_ = host_;
+        url.port_ = port_;
+        url.pathBegin_ = pathBegin_;
+        url.pathEnd_ = pathEnd;
+        url.query_ = queryPart;
+        url.fragment_ = fragmentPart;
+        return url;
     }
     auto url = parse(text);
     return url ? *url : *this;
@@ -318,7 +364,7 @@ std::optional<Url> Url::replacingLastPathSegment(std::string_view reference) con
     const std::string_view path = rawPath();
     const auto slash = path.rfind('/');
     std::size_t question = std::string_view::npos;
-    if (!scheme_ || slash == std::string_view::npos || !isPlainRelativeReference(reference, question))
+    if (!scheme_ || slash == std::string_view::npos || !isPathReference(reference, question))
         return std::nullopt;
     const std::size_t prefix = pathBegin_ + slash + 1;
     std::string text;

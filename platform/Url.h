@@ -9,14 +9,16 @@
 namespace ovalto::platform {
 
 // An absolute or relative URL reference (RFC 3986), parsed with uriparser. Immutable value.
-// Absolute URLs are kept in normal form (lower-case scheme and host, no dot segments).
+// The text is kept exactly as written (case, dot segments, percent escapes): servers that sign
+// a path or query compare the bytes they handed out.
 class Url {
 public:
     // No value when `text` is not a valid URI reference (empty, or with spaces or control
     // characters, which uriparser would otherwise let through in places).
     static std::optional<Url> parse(std::string_view text);
-    // `reference` resolved against `base` (RFC 3986 section 5); no value when either is invalid
-    // or `base` has no scheme.
+    // `reference` resolved against `base` (RFC 3986 section 5): the merged path loses its dot
+    // segments, every component copied from either text stays as written. No value when either
+    // is invalid or `base` has no scheme.
     static std::optional<Url> parse(std::string_view reference, const Url& base);
     // A file URL for a local path; a relative path is taken relative to the working directory.
     static Url fileUrl(std::string_view path);
@@ -28,24 +30,28 @@ public:
     std::optional<int> port() const { return port_; }
     // Percent-decoded, "" when empty.
     std::string path() const;
+    // The path as it is written in the URL, still percent-encoded.
+    std::string_view encodedPath() const { return rawPath(); }
     // Without the "?".
     std::optional<std::string> query() const { return component(query_); }
     std::optional<std::string> fragment() const { return component(fragment_); }
     std::string lastPathComponent() const; // "/" for the root, "" for an empty path
     // The same as it is written in the URL, still percent-encoded.
     std::string encodedLastPathComponent() const;
-    bool isFileUrl() const { return scheme() == "file"; }
+    // Whether the scheme is `lowerCase`, compared without case as transports compare schemes.
+    bool hasScheme(std::string_view lowerCase) const;
+    bool isFileUrl() const { return hasScheme("file"); }
 
     // The URL of the directory that holds the last path component (query and fragment dropped).
     Url deletingLastPathComponent() const;
     // Appends a component to the path; a "?query" inside `component` stays the query.
     Url appendingPathComponent(std::string_view component) const;
     // This absolute URL with everything after the last "/" of its path (the last segment, the
-    // query and the fragment) replaced by `reference`: a relative path of plain characters
-    // (letters, digits, "-._~!$&'()*+,;=:@" and "/", no "." or ".." segment) with an optional
-    // "?query" of the same characters and "?". Such text is a URL in normal form as it stands, so
-    // it is not parsed again: playlists resolve thousands of segment names this way. No value
-    // for any other reference, or when this URL has no scheme or no "/" in its path.
+    // query and the fragment) replaced by `reference`: a relative path of path characters
+    // (letters, digits, "-._~!$&'()*+,;=:@", "/" and percent escapes) with an optional "?query"
+    // of the same characters and "?". Such text makes a valid URL as it stands, so it is not
+    // parsed again: playlists resolve thousands of segment names this way. No value for any other
+    // reference, or when this URL has no scheme or no "/" in its path.
     std::optional<Url> replacingLastPathSegment(std::string_view reference) const;
 
     bool operator==(const Url& other) const { return text_ == other.text_ || text() == other.text(); }

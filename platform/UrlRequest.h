@@ -37,7 +37,10 @@ struct UrlRequest {
 
     Url url;
     CachePolicy cachePolicy;
-    double timeoutInterval; // seconds
+    double timeoutInterval; // seconds without a byte in either direction
+    // Seconds for the whole exchange, redirects included, however steadily bytes arrive; none:
+    // the idle timeout alone. Ends in the same timed-out error.
+    std::optional<double> deadlineInterval;
     std::string httpMethod = "GET";
     std::optional<Data> httpBody;
     HeaderFields headers;

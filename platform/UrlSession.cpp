@@ -137,6 +137,8 @@ struct Transfer {
     std::vector<std::string> setCookies;                              // of the latest response
     Clock::duration idleTimeout{};
     Clock::time_point lastActivity;
+    std::optional<Clock::duration> deadlineInterval;
+    Clock::time_point deadline = Clock::time_point::max(); // set when the transfer starts
     curl_off_t uploaded = 0;
     std::array<char, CURL_ERROR_SIZE> errorText{};
     int status = 0;            // of the latest status line
@@ -324,6 +326,8 @@ private:
                 if (transfer->task->isCompleted()) continue;
                 curl_easy_setopt(transfer->easy.get(), CURLOPT_SHARE, share_.get());
                 transfer->lastActivity = Clock::now();
+                if (transfer->deadlineInterval)
+                    transfer->deadline = transfer->lastActivity + *transfer->deadlineInterval;
                 CURL* easy = transfer->easy.get();
                 if (curl_multi_add_handle(multi_.get(), easy) == CURLM_OK) {
                     active_.emplace(easy, std::move(transfer));
@@ -345,12 +349,14 @@ private:
                 if (message->msg == CURLMSG_DONE) finish(message->easy_handle, message->data.result);
             }
 
-            // Idle timeouts: no byte in either direction for the request's timeout interval.
+            // Idle timeouts (no byte in either direction for the request's timeout interval) and
+            // overall deadlines: a server that drips its answer byte by byte is never idle.
             const auto now = Clock::now();
             auto wait = std::chrono::milliseconds(1000);
             std::vector<CURL*> idle;
             for (const auto& [easy, transfer] : active_) {
-                const auto deadline = transfer->lastActivity + transfer->idleTimeout;
+                const auto deadline =
+                    std::min(transfer->lastActivity + transfer->idleTimeout, transfer->deadline);
                 if (deadline <= now) {
                     idle.push_back(easy);
                 } else {
@@ -403,6 +409,9 @@ std::unique_ptr<Transfer> UrlTransport::makeTransfer(const std::shared_ptr<UrlSe
     const double timeout = request.timeoutInterval > 0 ? request.timeoutInterval : 60.0;
     transfer->idleTimeout =
         std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(timeout));
+    if (request.deadlineInterval)
+        transfer->deadlineInterval = std::chrono::duration_cast<Clock::duration>(
+            std::chrono::duration<double>(std::max(*request.deadlineInterval, 0.0)));
 
     const std::string& text = request.url.absoluteString();
     const std::string target = text.substr(0, text.find('#')); // fragments stay on this side
@@ -560,10 +569,9 @@ void UrlSessionDataTask::resume() {
         tasks.push_back(weak_from_this());
     }
 
-    const auto scheme = request_.url.scheme();
-    if (scheme == "file") {
+    if (request_.url.hasScheme("file")) {
         state_->queue->async([self = shared_from_this()] { self->readFile(); });
-    } else if (scheme == "http" || scheme == "https") {
+    } else if (request_.url.hasScheme("http") || request_.url.hasScheme("https")) {
         // The transport first: it initialises libcurl before any handle is made.
         auto& transport = UrlTransport::shared();
         auto transfer = UrlTransport::makeTransfer(shared_from_this());

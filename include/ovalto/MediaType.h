@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string_view>
 
@@ -38,6 +39,8 @@ public:
 
     // Exact, case-sensitive match of the MIME type string; no value for anything unknown.
     static std::optional<MimeType> fromString(std::string_view string);
+    // A new, empty parser for documents of this type.
+    std::shared_ptr<TimedText> timedText() const;
 
 private:
     Value value_;

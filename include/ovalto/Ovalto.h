@@ -1,23 +1,31 @@
 #pragma once
 
 #include "ovalto/ConfigurationKey.h"
+#include "ovalto/Cue.h"
 #include "ovalto/EdgeServer.h"
 #include "ovalto/MediaType.h"
 #include "ovalto/OVALog.h"
 #include "ovalto/PluginListener.h"
+#include "platform/MediaTime.h"
 #include "platform/Url.h"
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+namespace nivora {
+class Nivora;
+}
+
 namespace ovalto {
 
 namespace platform {
 class PlayerItem;
-}
+class View;
+} // namespace platform
 class OvaltoInternal;
 
 // Module constants.
@@ -44,6 +52,9 @@ public:
     static std::shared_ptr<Ovalto> create();
     // A facade that reports every network step, start-up time and re-buffering to `listener`.
     static std::shared_ptr<Ovalto> create(std::shared_ptr<PluginListener> listener);
+    // A facade whose QoE manager hands requests, responses and reports to the plug-in library
+    // `nivora` (held weakly: the application keeps it).
+    static std::shared_ptr<Ovalto> create(const std::shared_ptr<nivora::Nivora>& nivora);
     ~Ovalto();
     Ovalto(const Ovalto&) = delete;
     Ovalto& operator=(const Ovalto&) = delete;
@@ -66,6 +77,22 @@ public:
     // The delivery servers segments are redirected to; empty, and not settable, before prepare().
     EdgeList edgeList();
     void setEdgeList(EdgeList edgeList);
+    // The plug-in the QoE manager reports to from now on; nothing without a QoE manager.
+    void setNivora(const std::shared_ptr<nivora::Nivora>& nivora);
+    // The view inside which the plug-in's pre-alerts appear (on an overlay of the same size).
+    void setPreAlertView(const std::shared_ptr<platform::View>& preAlertView);
+
+    // Side-car subtitles. A document (file or http(s) URL; MIME types "application/x-subrip",
+    // "text/vtt", "application/xml+nttml", "application/nttml+xml", "application/smil+xml",
+    // "application/x-ass") is read in the background and replaces any earlier one; an unknown
+    // MIME type is ignored. While an item plays, the callbacks receive the text (empty: clear the
+    // display) and the cue that start at the item's current time, a hundred times a second, on a
+    // background thread, never on the main one. Delivery runs from the last preparation on:
+    // add the source after prepare() has succeeded.
+    void addTimedTextSource(const platform::Url& url, const std::string& mimeType);
+    void
+    setOnTimedText(std::function<void(const platform::MediaTime& time, const std::string& text)> onTimedText);
+    void setOnTimedTextCue(std::function<void(const std::shared_ptr<Cue>& cue)> onTimedTextCue);
 
     struct Key;
     Ovalto(const Key&, std::shared_ptr<PluginListener> listener);

@@ -1,6 +1,7 @@
 #include "ovalto/Ovalto.h"
 
 #include "Internal/OvaltoInternal.h"
+#include "QOEManager/QOEManager.h"
 #include "platform/KeyValueStore.h"
 
 namespace ovalto {
@@ -22,6 +23,12 @@ std::shared_ptr<Ovalto> Ovalto::create() {
 
 std::shared_ptr<Ovalto> Ovalto::create(std::shared_ptr<PluginListener> listener) {
     return std::make_shared<Ovalto>(Key{}, std::move(listener));
+}
+
+std::shared_ptr<Ovalto> Ovalto::create(const std::shared_ptr<nivora::Nivora>& nivora) {
+    auto manager = std::make_shared<QOEManager>();
+    manager->setNivora(nivora);
+    return std::make_shared<Ovalto>(Key{}, std::move(manager));
 }
 
 Ovalto::Ovalto(const Key&, std::shared_ptr<PluginListener> listener)
@@ -83,6 +90,37 @@ EdgeList Ovalto::edgeList() {
 void Ovalto::setEdgeList(EdgeList edgeList) {
     logCall("edgeList", __LINE__);
     if (auto loader = impl()->resourceLoader.get()) loader->presentation->edgeList.set(std::move(edgeList));
+}
+
+void Ovalto::addTimedTextSource(const platform::Url& url, const std::string& mimeType) {
+    if (auto type = MimeType::fromString(mimeType)) impl()->addTimedTextSource(url, *type);
+}
+
+void Ovalto::setOnTimedText(std::function<void(const platform::MediaTime&, const std::string&)> onTimedText) {
+    impl()->onTimedText.set(
+        onTimedText ? std::make_shared<const OvaltoInternal::TimedTextHandler>(std::move(onTimedText))
+                    : nullptr);
+}
+
+void Ovalto::setOnTimedTextCue(std::function<void(const std::shared_ptr<Cue>&)> onTimedTextCue) {
+    impl()->onTimedTextCue.set(onTimedTextCue ? std::make_shared<const OvaltoInternal::TimedTextCueHandler>(
+                                                    std::move(onTimedTextCue))
+                                              : nullptr);
+}
+
+void Ovalto::setNivora(const std::shared_ptr<nivora::Nivora>& nivora) {
+    logCall("setNivora(nivora:)", __LINE__);
+    if (auto manager = std::dynamic_pointer_cast<QOEManager>(listener_)) manager->setNivora(nivora);
+}
+
+void Ovalto::setPreAlertView(const std::shared_ptr<platform::View>& preAlertView) {
+    logCall("setPreAlertView(preAlertView:)", __LINE__);
+    if (auto manager = std::dynamic_pointer_cast<QOEManager>(listener_)) {
+        manager->setPreAlertView(preAlertView);
+        return;
+    }
+    OVALog(OVALogLevel::warning, "QoEManager not found", "setPreAlertView(preAlertView:)", __FILE__,
+           __LINE__);
 }
 
 } // namespace ovalto

@@ -235,6 +235,7 @@ void OvaltoInternal::prepareInternal(const std::vector<std::string>& keys) {
 }
 
 void OvaltoInternal::reset() {
+    ++timerGeneration_;
     if (auto running = timer.get()) running->invalidate();
     timer.set(nullptr);
     if (auto item = observedItem_.get()) {

@@ -1,8 +1,10 @@
 #pragma once
 
 #include "PlayList/Fragment.h"
+#include "PlayList/RewrittenUrl.h"
 #include "Resources/ErrorSink.h"
 #include "Resources/OVAResourceLoader.h"
+#include "TimedText/TimedText.h"
 #include "Utils/Guarded.h"
 #include "ovalto/ConfigurationKey.h"
 #include "ovalto/MediaType.h"
@@ -14,7 +16,9 @@
 #include "platform/RunLoop.h"
 
 #include <any>
+#include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -37,7 +41,7 @@ class OvaltoInternal : public ErrorSink, public std::enable_shared_from_this<Ova
 public:
     enum class State { unknown, prepare, start, stop, seek };
 
-    static inline const char* masterUrlString = "cplp://local/master.m3u8";
+    static inline const char* masterUrlString = RewrittenUrl::master;
     static constexpr const char* observedKeyPaths[] = {
         "status", "playbackLikelyToKeepUp", "playbackBufferFull", "playbackBufferEmpty", "loadedTimeRanges"};
 
@@ -77,6 +81,22 @@ public:
     Guarded<std::shared_ptr<Fragment>> lastFragment;
     Guarded<std::shared_ptr<platform::Timer>> timer;
 
+    // Side-car subtitles: a source is parsed on the global queue and then polled by a 100 Hz
+    // timer on the main run loop, whose ticks look the item's current time up on the global queue
+    // (OvaltoInternalTimedText.cpp). A parser is installed only once its parse has finished, so a
+    // tick never reads a table that is being filled.
+    using TimedTextHandler = std::function<void(const platform::MediaTime& time, const std::string& text)>;
+    using TimedTextCueHandler = std::function<void(const std::shared_ptr<Cue>& cue)>;
+    void addTimedTextSource(const platform::Url& url, MimeType mimeType);
+    void createTimer(double interval);
+    void periodicTime();
+    // One tick's lookups, on the calling thread.
+    void deliverTimedText();
+    Guarded<std::shared_ptr<const TimedText>> timedText;
+    // Shared, so that a tick takes them without copying the closures.
+    Guarded<std::shared_ptr<const TimedTextHandler>> onTimedText;
+    Guarded<std::shared_ptr<const TimedTextCueHandler>> onTimedTextCue;
+
     struct Key;
     OvaltoInternal(const Key&, std::weak_ptr<Ovalto> ovalto);
 
@@ -97,6 +117,10 @@ private:
     Guarded<std::vector<platform::NotificationCenter::Token>> notificationTokens_;
     // Fragment accounting reads and replaces the last access-log pair as one step.
     std::mutex accessLogMutex_;
+    // The number of the latest timed-text source: an earlier parse that ends later is dropped.
+    std::atomic<std::uint64_t> timedTextSources_{0};
+    // Moves on at every reset(), so that a timer whose creation was already queued is not made.
+    std::atomic<std::uint64_t> timerGeneration_{0};
 };
 
 } // namespace ovalto

@@ -3,6 +3,7 @@
 #include "PlayList/Ext.h"
 #include "PlayList/PlayListText.h"
 #include "PlayList/Presentation.h"
+#include "PlayList/RewrittenUrl.h"
 #include "Utils/URLExtension.h"
 #include "ovalto/OVALog.h"
 
@@ -16,14 +17,8 @@ namespace {
 
 constexpr std::string_view fileName = "PlayList/MasterPlayList";
 constexpr std::string_view parseFunction = "parsePlayList(playList:baseUrl:container:)";
-constexpr std::string_view mediaPlayListName = "/media.m3u8";
-
-// "<index>/<bitrate>/media.m3u8", the relative URI of a rewritten media playlist.
 void appendMediaUri(std::string& out, long index, std::int32_t bitrate) {
-    out += std::to_string(index);
-    out += '/';
-    out += std::to_string(bitrate);
-    out += mediaPlayListName;
+    RewrittenUrl::appendMediaPlayList(out, index, bitrate);
 }
 
 // Appends `name=value` elements separated by commas.

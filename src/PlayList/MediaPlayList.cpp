@@ -3,6 +3,7 @@
 #include "PlayList/Ext.h"
 #include "PlayList/PlayListText.h"
 #include "PlayList/Representation.h"
+#include "PlayList/RewrittenUrl.h"
 #include "Utils/URLExtension.h"
 #include "ovalto/OVALog.h"
 
@@ -20,9 +21,6 @@ namespace {
 constexpr std::string_view fileName = "PlayList/MediaPlayList";
 constexpr std::string_view parseFunction = "parsePlayList(playList:baseUrl:container:)";
 constexpr std::string_view generateFunction = "generatePlayList(container:)";
-constexpr std::string_view segmentPrefix = "rdtp://local/";
-constexpr std::string_view segmentSuffix = ".ts";
-constexpr std::string_view initialSectionSuffix = "/-1.ts";
 constexpr std::int32_t timescale = 1000;
 constexpr std::string_view infPrefix = "#EXTINF:";
 constexpr std::string_view byteRangePrefix = "#EXT-X-BYTERANGE:";
@@ -139,11 +137,14 @@ struct Draft {
 // The fragments of one parse, built in place: a fragment kept elsewhere keeps its store alive,
 // and no fragment is moved once made. Storage comes in chunks sized from the playlist's length,
 // so a long playlist takes one or two allocations; slots are raw memory until a fragment is made
-// in them, so an estimate that is too high costs address space, not pages.
+// in them, so an estimate that is too high costs address space, not pages. The store also holds
+// the segment URIs as the playlist wrote them and the playlist's resolver, from which each
+// fragment makes its URL when it is read.
 class FragmentStore {
 public:
-    explicit FragmentStore(std::size_t expected)
-        : chunkSize_(std::clamp<std::size_t>(expected, 16, 16384)) {}
+    FragmentStore(std::size_t expected, const platform::Url& baseUrl)
+        : chunkSize_(std::clamp<std::size_t>(expected, 16, 16384))
+        , resolver_(baseUrl) {}
     FragmentStore(const FragmentStore&) = delete;
     FragmentStore& operator=(const FragmentStore&) = delete;
     ~FragmentStore() {
@@ -153,14 +154,29 @@ public:
         }
     }
 
-    Fragment& emplace(const Draft& draft, std::optional<platform::Url> url) {
+    const SubUrlResolver& resolver() const { return resolver_; }
+
+    // A copy of `uri` that lives as long as the store.
+    std::string_view keep(std::string_view uri) {
+        if (texts_.empty() || textCapacity_ - textUsed_ < uri.size()) {
+            textCapacity_ = std::max<std::size_t>(uri.size(), 64 * 1024);
+            texts_.push_back(std::make_unique_for_overwrite<char[]>(textCapacity_));
+            textUsed_ = 0;
+        }
+        char* copy = texts_.back().get() + textUsed_;
+        std::memcpy(copy, uri.data(), uri.size());
+        textUsed_ += uri.size();
+        return {copy, uri.size()};
+    }
+
+    Fragment& emplace(const Draft& draft, std::string_view uri) {
         if (chunks_.empty() || chunks_.back().used == chunks_.back().capacity) {
             chunks_.reserve(chunks_.size() + 1); // so that the push below cannot throw
             chunks_.push_back({std::allocator<Fragment>().allocate(chunkSize_), chunkSize_, 0});
         }
         Chunk& chunk = chunks_.back();
         Fragment* fragment = std::construct_at(chunk.slots + chunk.used, draft.start, draft.duration,
-                                               std::move(url), draft.offset, draft.length);
+                                               &resolver_, uri, draft.offset, draft.length);
         ++chunk.used;
         return *fragment;
     }
@@ -173,6 +189,10 @@ private:
     };
     std::size_t chunkSize_;
     std::vector<Chunk> chunks_;
+    SubUrlResolver resolver_;
+    std::vector<std::unique_ptr<char[]>> texts_;
+    std::size_t textCapacity_ = 0;
+    std::size_t textUsed_ = 0;
 };
 
 } // namespace
@@ -197,20 +217,19 @@ bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url
     // draft and made a fragment once it can no longer change: at the next #EXTINF or at the end.
     // A draft listed by two URI lines appears twice in the list, as one fragment pointing at the
     // last URI.
-    const SubUrlResolver resolve(baseUrl);
     const auto previousStart = representation->start.get();
     platform::MediaTime running = previousStart ? *previousStart : platform::MediaTime::make(0, timescale);
     // A segment takes at least 40 bytes of text or so ("#EXTINF:6.0,", a short name).
     const std::size_t expectedSegments = playList.size() / 40;
-    auto store = std::make_shared<FragmentStore>(expectedSegments);
+    auto store = std::make_shared<FragmentStore>(expectedSegments, baseUrl);
+    const SubUrlResolver& resolve = store->resolver();
     std::vector<std::shared_ptr<Fragment>> fragments;
     fragments.reserve(expectedSegments);
     Draft draft; // the segment of the last #EXTINF, when `drafting`
     bool drafting = false;
     std::size_t listings = 0; // URI lines so far: the position of the next segment
-    // Byte-range playlists name one file for many segments in a row: it is resolved once.
-    std::string_view resolvedUri;
-    std::optional<platform::Url> resolved;
+    // Byte-range playlists name one file for many segments in a row: it is kept once.
+    std::string_view keptUri;
     std::map<long, AttributeList> keyAttributes;
     AttributeList playlistAttributes;
     AttributeList mapAttributes;
@@ -223,11 +242,8 @@ bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url
 
     const auto finishDraft = [&] {
         if (!drafting || draft.listings == 0) return;
-        if (draft.uri != resolvedUri || !resolved) {
-            resolvedUri = draft.uri;
-            resolved = resolve(draft.uri);
-        }
-        Fragment& fragment = store->emplace(draft, resolved);
+        if (keptUri.data() == nullptr || draft.uri != keptUri) keptUri = store->keep(draft.uri);
+        Fragment& fragment = store->emplace(draft, keptUri);
         for (std::size_t i = 0; i < draft.listings; ++i)
             fragments.emplace_back(store, &fragment);
     };
@@ -358,15 +374,12 @@ std::optional<platform::Data> MediaPlayList::generatePlayList(Container& contain
     const auto fragments = representation->fragments.get();
     const auto keyAttributes = representation->keyAttributes.get();
 
-    // "rdtp://local/<stream>/<bitrate>", the start of every segment URI.
-    std::string prefix(segmentPrefix);
-    appendInteger(prefix, *streamIndex);
-    prefix += '/';
-    appendInteger(prefix, *bitrate);
-    const std::string segmentLineStart = "\n" + prefix + "/";
+    // The start of every segment URI, which then only needs its index.
+    const std::string directory = RewrittenUrl::segmentDirectory(*streamIndex, *bitrate);
+    const std::string segmentLineStart = "\n" + directory;
 
     std::string out;
-    out.reserve(256 + fragments.size() * (prefix.size() + 64));
+    out.reserve(256 + fragments.size() * (directory.size() + 64));
     out += rawValue(Ext::start);
     out += '\n';
     out += rawValue(Ext::xVersion);
@@ -386,7 +399,8 @@ std::optional<platform::Data> MediaPlayList::generatePlayList(Container& contain
             out += value;
         }
     });
-    const std::string initialSectionUri = "\"" + prefix + std::string(initialSectionSuffix) + "\"";
+    const std::string initialSectionUri =
+        "\"" + RewrittenUrl::segment(*streamIndex, *bitrate, RewrittenUrl::initialSection) + "\"";
     representation->mapAttributes.with([&](const AttributeList& attributes) {
         if (attributes.empty()) return;
         out += '\n';
@@ -440,8 +454,7 @@ std::optional<platform::Data> MediaPlayList::generatePlayList(Container& contain
             }
         }
         write(cursor, segmentLineStart);
-        writeInteger(cursor, index);
-        write(cursor, segmentSuffix);
+        cursor = RewrittenUrl::writeSegmentName(cursor, index);
         out.append(buffer, std::size_t(cursor - buffer));
     }
     if (!representation->isLive.get()) {

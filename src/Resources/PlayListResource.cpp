@@ -4,8 +4,8 @@
 #include "PlayList/MediaPlayList.h"
 #include "PlayList/PlayListText.h"
 #include "PlayList/Presentation.h"
+#include "PlayList/RewrittenUrl.h"
 #include "Resources/ModelLock.h"
-#include "Resources/PathComponents.h"
 #include "ovalto/OVALog.h"
 #include "ovalto/OvaltoError.h"
 #include "platform/LoadingRequest.h"
@@ -40,6 +40,11 @@ std::string describe(const platform::HeaderFields& headers) {
     return text + "]";
 }
 
+// The part of a URL that goes to the server.
+std::string_view withoutFragment(std::string_view url) {
+    return url.substr(0, url.find('#'));
+}
+
 } // namespace
 
 void PlayListResource::load(const std::shared_ptr<platform::LoadingRequest>& loadingRequest,
@@ -59,29 +64,24 @@ void PlayListResource::load(const std::shared_ptr<platform::LoadingRequest>& loa
     std::optional<platform::Url> fetchUrl =
         configurationValue<platform::Url>(settings, ConfigurationKey::contentUrl);
 
-    const std::string path = requestUrl.path();
-    if (path.ends_with("master.m3u8")) {
+    const auto address = RewrittenUrl::readPlayList(requestUrl);
+    if (address && address->isMaster) {
         playList = std::make_unique<MasterPlayList>();
         container = presentation;
     } else {
-        const auto components = pathComponents(path);
         std::shared_ptr<Representation> representation;
-        std::optional<long> streamIndex;
-        if (components.size() >= 3) {
-            streamIndex = playlisttext::parseInteger<long>(components[1]);
-            const auto key = playlisttext::parseInteger<std::int32_t>(components[2]);
-            if (streamIndex && key) {
-                if (auto stream = presentation->stream(*streamIndex))
-                    representation = stream->representation(*key);
-            }
+        if (address) {
+            if (auto stream = presentation->stream(address->stream))
+                representation = stream->representation(address->bitrate);
         }
         if (!representation) {
-            OVALog(OVALogLevel::error, path + " is not valid.", loadFunction, __FILE__, __LINE__);
+            OVALog(OVALogLevel::error, requestUrl.path() + " is not valid.", loadFunction, __FILE__,
+                   __LINE__);
             completion(Result::failure(inputParam("Resource URL is not valid.", 0x8301)));
             return;
         }
         fetchUrl = representation->url.get();
-        representation->streamIndex.set(streamIndex);
+        representation->streamIndex.set(address->stream);
         playList = std::make_unique<MediaPlayList>();
         container = std::move(representation);
     }
@@ -117,24 +117,28 @@ void PlayListResource::load(const std::shared_ptr<platform::LoadingRequest>& loa
     }
     request_ = std::move(request);
     session_ = platform::UrlSession::create();
+    deadline_ = std::chrono::steady_clock::now() + std::chrono::seconds(deadlineFactor * timeout);
     loadInternal(retries, std::nullopt, std::move(completion));
 }
 
 void PlayListResource::loadInternal(int retry, std::optional<platform::Error> error, Completion completion) {
-    if (retry < 0) {
+    const std::chrono::duration<double> left = deadline_ - std::chrono::steady_clock::now();
+    if (retry < 0 || (error && left.count() <= 0)) {
         session_->finishTasksAndInvalidate();
         completion(
             Result::failure(error ? std::move(*error) : inputParam("PlayList is not received.", 0x8400)));
         return;
     }
+    platform::UrlRequest attempt = *request_;
+    attempt.deadlineInterval = left.count();
     // The task's handler keeps this resource alive until the attempt has been dealt with.
-    auto task = session_->dataTask(
-        *request_, [self = shared_from_this(), retry, completion = std::move(completion)](
-                       std::optional<platform::Data> data, std::optional<platform::UrlResponse> response,
-                       std::optional<platform::Error> error) mutable {
-            self->didLoad(retry, std::move(data), std::move(response), std::move(error),
-                          std::move(completion));
-        });
+    auto task = session_->dataTask(std::move(attempt), [self = shared_from_this(), retry,
+                                                        completion = std::move(completion)](
+                                                           std::optional<platform::Data> data,
+                                                           std::optional<platform::UrlResponse> response,
+                                                           std::optional<platform::Error> error) mutable {
+        self->didLoad(retry, std::move(data), std::move(response), std::move(error), std::move(completion));
+    });
     task->resume();
 }
 
@@ -176,6 +180,14 @@ void PlayListResource::answer(const platform::Data& data, const platform::UrlRes
     }
     OVALog(OVALogLevel::debug, response.url.absoluteString() + " / " + std::to_string(response.statusCode),
            loadInternalFunction, __FILE__, __LINE__);
+    // Relative URIs resolve against the URL asked for, not where HTTP redirects ended: an origin
+    // that redirects into another directory then gets requests it cannot answer. Say so here.
+    if (withoutFragment(response.url.absoluteString()) != withoutFragment(fetchUrl.absoluteString()))
+        OVALog(OVALogLevel::warning,
+               "The playlist " + fetchUrl.absoluteString() + " was answered from " +
+                   response.url.absoluteString() + "; its relative URIs resolve against " +
+                   fetchUrl.absoluteString() + ".",
+               loadInternalFunction, __FILE__, __LINE__);
 
     std::optional<platform::Data> generated;
     {

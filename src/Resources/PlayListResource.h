@@ -6,6 +6,7 @@
 #include "platform/UrlRequest.h"
 #include "platform/UrlSession.h"
 
+#include <chrono>
 #include <memory>
 #include <optional>
 
@@ -30,6 +31,9 @@ public:
     static constexpr int retries = 3;
     // Seconds, when the listener cleared the timeout or set one that is not positive.
     static constexpr int defaultTimeout = 30;
+    // The timeout is an idle timeout; all attempts together end after this many timeouts, so
+    // that an origin dripping its answer cannot hold the player forever.
+    static constexpr int deadlineFactor = 4;
 
 private:
     // `retry`: attempts still allowed after this one; `error`: the previous attempt's failure.
@@ -42,6 +46,7 @@ private:
     // Every attempt sends this same request.
     std::optional<platform::UrlRequest> request_;
     std::shared_ptr<platform::UrlSession> session_;
+    std::chrono::steady_clock::time_point deadline_;
 };
 
 } // namespace ovalto

@@ -1,9 +1,8 @@
 #include "Resources/RedirectResource.h"
 
-#include "PlayList/PlayListText.h"
 #include "PlayList/Presentation.h"
+#include "PlayList/RewrittenUrl.h"
 #include "Resources/ModelLock.h"
-#include "Resources/PathComponents.h"
 #include "ovalto/OVALog.h"
 #include "ovalto/OvaltoError.h"
 #include "platform/LoadingRequest.h"
@@ -52,18 +51,60 @@ void redirect(platform::LoadingRequest& loadingRequest, const platform::Url& tar
     loadingRequest.setResponse(std::move(response));
 }
 
+// `target` as a reference relative to the directory `base` when both are on the same server but
+// the target lies outside that directory: "../" for each directory of `base` it does not share.
+// No value for a target on another server.
+std::optional<std::string> climbingReference(std::string_view target, std::string_view base) {
+    const auto authority = base.find("://");
+    if (authority == std::string_view::npos) return std::nullopt;
+    const auto root = base.find('/', authority + 3); // the first "/" of the path
+    if (root == std::string_view::npos || target.substr(0, root + 1) != base.substr(0, root + 1))
+        return std::nullopt;
+    std::size_t shared = root + 1; // where the first directory not in common begins
+    for (auto slash = base.find('/', shared); slash != std::string_view::npos;
+         slash = base.find('/', shared)) {
+        if (target.substr(shared, slash + 1 - shared) != base.substr(shared, slash + 1 - shared)) break;
+        shared = slash + 1;
+    }
+    std::string reference;
+    for (auto at = base.find('/', shared); at != std::string_view::npos; at = base.find('/', at + 1))
+        reference += "../";
+    reference += target.substr(shared);
+    return reference;
+}
+
 // The target moved onto the edge server with the smallest priority (the earliest among equals):
-// its path below the master playlist's directory is appended to the edge URL.
+// its path below the master playlist's directory is appended to the edge URL. A target that
+// climbs out of that directory ("../", or elsewhere on the same server) is resolved against the
+// edge's directory instead, so that it lands where the edge mirrors it rather than in a path
+// that names the origin.
 std::optional<platform::Url> onEdge(const platform::Url& target, const Presentation& presentation) {
-    const auto edgeList = presentation.edgeList.get();
     const auto master = presentation.url.get();
-    if (edgeList.empty() || !master) return std::nullopt;
-    const auto edge = std::min_element(edgeList.begin(), edgeList.end(),
-                                       [](const auto& a, const auto& b) { return a.priority < b.priority; });
-    const auto edgeUrl = platform::Url::parse(edge->url);
+    if (!master) return std::nullopt;
+    // Only the chosen entry is copied out of the list.
+    const auto edge = presentation.edgeList.with([](const auto& edgeList) -> std::optional<std::string> {
+        const auto best =
+            std::min_element(edgeList.begin(), edgeList.end(),
+                             [](const auto& a, const auto& b) { return a.priority < b.priority; });
+        if (best == edgeList.end()) return std::nullopt;
+        return best->url;
+    });
+    if (!edge) return std::nullopt;
+    const auto edgeUrl = platform::Url::parse(*edge);
     if (!edgeUrl) return std::nullopt;
     const std::string base = master->deletingLastPathComponent().absoluteString();
-    return edgeUrl->appendingPathComponent(removingAll(target.absoluteString(), base));
+    const std::string& text = target.absoluteString();
+    std::optional<std::string> relative = removingAll(text, base);
+    if (*relative == text) relative = climbingReference(text, base);
+    if (!relative) return edgeUrl->appendingPathComponent(text);
+    if (relative->starts_with("../") && edgeUrl->scheme() && !edgeUrl->query() && !edgeUrl->fragment()) {
+        std::string directory = edgeUrl->absoluteString();
+        if (!directory.ends_with('/')) directory += '/';
+        if (auto directoryUrl = platform::Url::parse(directory)) {
+            if (auto resolved = platform::Url::parse(*relative, *directoryUrl)) return resolved;
+        }
+    }
+    return edgeUrl->appendingPathComponent(*relative);
 }
 
 // Sets `value` under `name`, replacing a field of that name (compared without case) in place.
@@ -90,25 +131,15 @@ void RedirectResource::load(const std::shared_ptr<platform::LoadingRequest>& loa
     const platform::Url& requestUrl = loadingRequest->request().url;
     OVALog(OVALogLevel::debug, requestUrl.absoluteString(), loadFunction, __FILE__, __LINE__);
 
-    const std::string path = requestUrl.path();
-    const std::string trimmed = removingAll(path, ".ts");
-    const auto components = pathComponents(trimmed);
-    std::optional<long> streamIndex;
-    std::optional<std::int32_t> key;
-    std::optional<std::int64_t> number;
-    if (components.size() >= 4) {
-        streamIndex = playlisttext::parseInteger<long>(components[1]);
-        key = playlisttext::parseInteger<std::int32_t>(components[2]);
-        number = playlisttext::parseInteger<std::int64_t>(components[3]);
-    }
-    if (!streamIndex || !key || !number || *streamIndex < 0) {
-        OVALog(OVALogLevel::error, path + " is not valid.", loadFunction, __FILE__, __LINE__);
+    const auto address = RewrittenUrl::readSegment(requestUrl);
+    if (!address) {
+        OVALog(OVALogLevel::error, requestUrl.path() + " is not valid.", loadFunction, __FILE__, __LINE__);
         completion(failure("Resource URl is not valid.", 0x8301));
         return;
     }
 
-    const auto stream = presentation->stream(*streamIndex);
-    const auto representation = stream ? stream->representation(*key) : nullptr;
+    const auto stream = presentation->stream(address->stream);
+    const auto representation = stream ? stream->representation(address->bitrate) : nullptr;
     std::optional<std::int64_t> sequence;
     std::optional<platform::Url> initialURL;
     std::shared_ptr<Fragment> fragment;
@@ -117,9 +148,9 @@ void RedirectResource::load(const std::shared_ptr<platform::LoadingRequest>& loa
         std::lock_guard lock(modelLock(*representation));
         sequence = representation->sequence.get();
         std::int64_t index = 0;
-        if (sequence && *number == -1) {
+        if (sequence && address->isInitialSection()) {
             initialURL = representation->initialURL.get();
-        } else if (sequence && !__builtin_sub_overflow(*number, *sequence, &index) && index >= 0) {
+        } else if (sequence && !__builtin_sub_overflow(address->index, *sequence, &index) && index >= 0) {
             // Only the one fragment is taken: a long live window has thousands.
             fragment =
                 representation->fragments.with([index](const auto& fragments) -> std::shared_ptr<Fragment> {
@@ -135,7 +166,7 @@ void RedirectResource::load(const std::shared_ptr<platform::LoadingRequest>& loa
         return;
     }
 
-    if (*number == -1) {
+    if (address->isInitialSection()) {
         // The initialisation section goes straight to its source: no listener, edge or callback.
         if (!initialURL) {
             OVALog(OVALogLevel::error, "initial url is not created.", loadFunction, __FILE__, __LINE__);
@@ -162,7 +193,10 @@ void RedirectResource::load(const std::shared_ptr<platform::LoadingRequest>& loa
         requestInfo.uri = target->absoluteString();
         requestInfo.type = mediaTypeName(mediaType);
         listener->onFragmentRequest(requestInfo);
-        if (auto replaced = requestInfo.uri ? platform::Url::parse(*requestInfo.uri) : std::nullopt) {
+        // A URI the listener left as it was is the target already: no parse, nothing to store.
+        const bool unchanged = requestInfo.uri == target->absoluteString();
+        if (auto replaced =
+                requestInfo.uri && !unchanged ? platform::Url::parse(*requestInfo.uri) : std::nullopt) {
             target = std::move(replaced);
             // Later requests for this fragment start from the listener's URL.
             fragment->url.set(target);
@@ -177,10 +211,10 @@ void RedirectResource::load(const std::shared_ptr<platform::LoadingRequest>& loa
     if (auto function = configurationValue<FragmentFunction>(settings, ConfigurationKey::function);
         function && *function) {
         fragment->attributes.with([&](auto& attributes) {
-            attributes["StreamIndex"] = std::to_string(*streamIndex);
+            attributes["StreamIndex"] = std::to_string(address->stream);
             attributes["MediaType"] = mediaTypeName(mediaType);
-            attributes["FragmentIndex"] = std::to_string(*number);
-            attributes["Bitrate"] = std::to_string(*key);
+            attributes["FragmentIndex"] = std::to_string(address->index);
+            attributes["Bitrate"] = std::to_string(address->bitrate);
         });
         (*function)(std::any(fragment));
     }

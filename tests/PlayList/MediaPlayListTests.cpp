@@ -258,6 +258,37 @@ TEST_F(MediaPlayListTest, FragmentsCarryByteRangesAndUnreadableDurationsStayEmpt
     EXPECT_EQ(milliseconds(fragments[2]->start), 2500);
 }
 
+// Fragments make their URLs from the segment lines when read: they must outlive the text that
+// was parsed and the playlist's next parse, and a URL that is set must win.
+TEST_F(MediaPlayListTest, FragmentUrlsOutliveTheParsedTextAndTakeReplacements) {
+    auto representation = makeRepresentation();
+    MediaPlayList media;
+    auto text =
+        std::make_unique<std::string>(source + "#EXTINF:1,\n#EXT-X-BYTERANGE:10@0\nall.mp4\n"
+                                               "#EXTINF:1,\n#EXT-X-BYTERANGE:10@10\nall.mp4\n"
+                                               "#EXTINF:1,\nseg%2f3.ts?sig=a%2fb\n#EXTINF:1,\nsp ace.ts\n");
+    ASSERT_TRUE(media.parsePlayList(*text, base, *representation));
+    std::fill(text->begin(), text->end(), 'x');
+    text.reset();
+    const auto fragments = representation->fragments.get();
+    ASSERT_TRUE(media.parsePlayList(source + "#EXTINF:1,\nnext.ts\n", base, *representation));
+    ASSERT_EQ(fragments.size(), 4u);
+    const char* expected[] = {"http://cdn.example.com/v/lo/all.mp4", "http://cdn.example.com/v/lo/all.mp4",
+                              "http://cdn.example.com/v/lo/seg%2f3.ts?sig=a%2fb", nullptr};
+    for (std::size_t i = 0; i < fragments.size(); ++i) {
+        const auto url = fragments[i]->url.get();
+        ASSERT_EQ(url.has_value(), expected[i] != nullptr) << i;
+        if (url) {
+            EXPECT_EQ(url->absoluteString(), expected[i]);
+        }
+    }
+    fragments[0]->url.set(platform::Url::parse("http://other.test/a.mp4"));
+    fragments[1]->url.set(std::nullopt);
+    EXPECT_EQ(fragments[0]->url.get()->absoluteString(), "http://other.test/a.mp4");
+    EXPECT_FALSE(fragments[1]->url.get());
+    EXPECT_EQ(fragments[2]->url.get()->absoluteString(), expected[2]);
+}
+
 TEST_F(MediaPlayListTest, RefusesWhatIsNotAPlaylistAndLeavesTheRepresentationAlone) {
     auto representation = makeRepresentation();
     ASSERT_NE(rewrite(*representation, source + "#EXTINF:4,\na.ts\n"), "<not parsed>");

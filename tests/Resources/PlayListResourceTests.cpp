@@ -1,8 +1,12 @@
 #include "ResourceTestSupport.h"
 #include "Resources/OVAResourceLoader.h"
+#include "support/LogCapture.h"
+#include "support/LoopbackServer.h"
 #include "support/TestOrigin.h"
 
 #include <gtest/gtest.h>
+
+#include <thread>
 
 namespace ovalto::test {
 namespace {
@@ -196,6 +200,58 @@ TEST_F(PlayListResourceTest, ListenerTimeoutGovernsEachAttempt) {
 
     ASSERT_EQ(fetch("cplp://local/master.m3u8").kind, Kind::data);
     EXPECT_EQ(origin->requestCount(path), 2);
+}
+
+// Origins that misbehave in ways TestOrigin does not script: a redirect into another directory
+// and an answer dripped a byte at a time.
+LoopbackServer::Routes hostileRoutes() {
+    return [](httplib::Server& http) {
+        http.Get("/moved/master.m3u8", [](const httplib::Request&, httplib::Response& response) {
+            response.set_redirect("/elsewhere/master.m3u8", 302);
+        });
+        http.Get("/elsewhere/master.m3u8", [](const httplib::Request&, httplib::Response& response) {
+            response.set_content(masterPlayList, "application/vnd.apple.mpegurl");
+        });
+        http.Get("/drip/master.m3u8", [](const httplib::Request&, httplib::Response& response) {
+            response.set_chunked_content_provider(
+                "application/vnd.apple.mpegurl", [](size_t offset, httplib::DataSink& sink) {
+                    if (offset >= 300) return false; // 60 s: far past any deadline here
+                    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+                    return sink.write(masterPlayList + offset % 8, 1);
+                });
+        });
+    };
+}
+
+TEST_F(PlayListResourceTest, RedirectedPlaylistKeepsItsBaseAndSaysWhereItWasAnswered) {
+    LoopbackServer hostile(hostileRoutes());
+    loader.configurations.set(Configurations{
+        {ConfigurationKey::contentUrl, *platform::Url::parse(hostile.url("/moved/master.m3u8"))}});
+    LogCapture log;
+    ASSERT_EQ(fetch("cplp://local/master.m3u8").kind, Kind::data);
+    EXPECT_TRUE(log.contains("The playlist " + hostile.url("/moved/master.m3u8") + " was answered from " +
+                             hostile.url("/elsewhere/master.m3u8")));
+    const auto streams = loader.presentation->streams.get();
+    ASSERT_FALSE(streams.empty());
+    EXPECT_EQ(streams.back()->representations.get().begin()->second->url.get()->absoluteString(),
+              hostile.url("/moved/sd/index.m3u8"));
+
+    log.clear();
+    ASSERT_EQ(fetch("cplp://local/1/800000/media.m3u8").kind, Kind::error) << "the origin has no /moved/sd/";
+    EXPECT_FALSE(log.contains("was answered from")) << "an answer from the URL asked for is no news";
+}
+
+TEST_F(PlayListResourceTest, DrippingOriginEndsInTheTimeoutErrorAtTheOverallDeadline) {
+    LoopbackServer hostile(hostileRoutes());
+    loader.configurations.set(Configurations{
+        {ConfigurationKey::contentUrl, *platform::Url::parse(hostile.url("/drip/master.m3u8"))}});
+    // Idle timeout 1 s, so the deadline of all attempts together is 4 s.
+    listener->manifestRequest = [](RequestInfo& info) { info.timeout = 1; };
+    loader.pluginListener.set(listener);
+    const auto outcome = fetch("cplp://local/master.m3u8");
+    ASSERT_EQ(outcome.kind, Kind::error);
+    EXPECT_EQ(outcome.error->domain, platform::Error::urlDomain);
+    EXPECT_EQ(outcome.error->code, platform::urlErrorTimedOut);
 }
 
 struct InputRow {

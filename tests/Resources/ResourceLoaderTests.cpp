@@ -55,9 +55,12 @@ INSTANTIATE_TEST_SUITE_P(
                       SchemeRow{"rdtp://local/0/1500000/7.ts", "Stream or Representation is not created.",
                                 0x8501},
                       SchemeRow{"ckey://k1", "Key request is not valid", 0x8300},
-                      SchemeRow{"skd://k1", "Fairplay request is not valid", 0x8300},
+                      SchemeRow{"skd://k1", "Certification URL is not set.", 0x8600},
+                      SchemeRow{"skd:k1", "Fairplay request is not valid", 0x8300},
                       SchemeRow{"https://127.0.0.1/master.m3u8", "Loading request is not valid.", 0x8301},
-                      SchemeRow{"cplpx://local/master.m3u8", "Loading request is not valid.", 0x8301}));
+                      SchemeRow{"cplpx://local/master.m3u8", "Loading request is not valid.", 0x8301},
+                      SchemeRow{"CPLP://local/master.m3u8", "Loading request is not valid.", 0x8301},
+                      SchemeRow{"Rdtp://local/0/1500000/7.ts", "Loading request is not valid.", 0x8301}));
 
 TEST_F(ResourceLoaderTest, RequestWithoutASchemeIsRefusedAndLeftToThePlatform) {
     PlayerRequest request("local/master.m3u8");

@@ -193,6 +193,13 @@ TEST(SubUrl, ResolvesPlaylistUris) {
         // The playlist's name is replaced as it is written, escapes and all.
         {"http://h/a/my%20list.m3u8", "seg1.ts", "http://h/a/seg1.ts"},
         {"http://h/a%20b/c%2Fd.m3u8?t=%41", "seg1.ts", "http://h/a%20b/seg1.ts"},
+        // Nothing is normalised: signed names and queries, escapes, dots and case as written.
+        {"HTTP://CDN.Example.COM/v/i.m3u8?sig=a%2F", "seg%2f1.ts?sig=a%2fb",
+         "HTTP://CDN.Example.COM/v/seg%2f1.ts?sig=a%2fb"},
+        {"http://h/a/b/i.m3u8", "../~u/%7E.ts", "http://h/a/b/../~u/%7E.ts"},
+        {"http://h/a/./b/i.m3u8", "./s.ts", "http://h/a/./b/./s.ts"},
+        {"http://h/a/b/i.m3u8", "https://O.Test/S%2F.ts?k=%2f", "https://O.Test/S%2F.ts?k=%2f"},
+        {"http://H/a/b/i.m3u8?s=1", "/x/../y%2f.ts", "http://H/y%2f.ts"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.playlist) + " + " + c.path);

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <thread>
 
 using namespace ovalto::platform;
 using ovalto::test::LoopbackServer;
@@ -88,6 +89,14 @@ LoopbackServer::Routes routes() {
             response.set_content_provider(100, "text/plain", [](size_t, size_t, httplib::DataSink& sink) {
                 sink.write("0123456789", 10);
                 return false; // drops the connection before the announced length
+            });
+        });
+        // One byte every 100 ms: never idle, never done (until the client goes).
+        http.Get("/drip", [](Request, Response response) {
+            response.set_chunked_content_provider("text/plain", [](size_t offset, httplib::DataSink& sink) {
+                if (offset >= 600) return false;
+                std::this_thread::sleep_for(100ms);
+                return sink.write("x", 1);
             });
         });
         http.Get(R"(/status/(\d+))", [](Request request, Response response) {
@@ -195,19 +204,26 @@ TEST_F(UrlSessionTest, MapsTransportFailuresToUrlErrors) {
     const struct {
         std::string url;
         double timeout;
+        std::optional<double> deadline;
         std::int64_t code;
         const char* description;
     } cases[] = {
-        {"http://127.0.0.1:" + std::to_string(closedPort) + "/x", 60, urlErrorCannotConnectToHost,
+        {"http://127.0.0.1:" + std::to_string(closedPort) + "/x",
+         60,
+         {},
+         urlErrorCannotConnectToHost,
          "Could not connect to the server."},
-        {server.url("/partial"), 60, urlErrorNetworkConnectionLost, "The network connection was lost."},
-        {silent.baseUrl() + "/never", 1, urlErrorTimedOut, "The request timed out."},
-        {"ftp://127.0.0.1/x", 60, urlErrorUnsupportedURL, nullptr},
-        {"file:///nonexistent/ovalto/file.m3u8", 60, urlErrorFileDoesNotExist, nullptr},
+        {server.url("/partial"), 60, {}, urlErrorNetworkConnectionLost, "The network connection was lost."},
+        {silent.baseUrl() + "/never", 1, {}, urlErrorTimedOut, "The request timed out."},
+        {server.url("/drip"), 60, 1, urlErrorTimedOut, "The request timed out."},
+        {"ftp://127.0.0.1/x", 60, {}, urlErrorUnsupportedURL, nullptr},
+        {"file:///nonexistent/ovalto/file.m3u8", 60, {}, urlErrorFileDoesNotExist, nullptr},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.url);
-        const auto outcome = perform(request(c.url, c.timeout));
+        auto sent = request(c.url, c.timeout);
+        sent.deadlineInterval = c.deadline;
+        const auto outcome = perform(sent);
         ASSERT_TRUE(outcome.error);
         EXPECT_FALSE(outcome.response);
         EXPECT_FALSE(outcome.data);
@@ -291,6 +307,42 @@ TEST_F(UrlSessionTest, ManyConcurrentTasksAllComplete) {
         ASSERT_TRUE(outcome.response) << outcome.error->localizedDescription;
         EXPECT_EQ(outcome.response->statusCode, i % 2 ? 200 : 204);
     }
+}
+
+} // namespace
+
+namespace {
+
+// What reaches the server is what the URL says, byte for byte: a CDN signs these.
+TEST(UrlSessionAsWritten, SendsTheTargetAndHostAsWritten) {
+    std::mutex mutex;
+    std::string target, host;
+    LoopbackServer echo([&](httplib::Server& server) {
+        server.Get(".*", [&](const httplib::Request& request, httplib::Response& response) {
+            std::lock_guard lock(mutex);
+            target = request.target;
+            host = request.get_header_value("Host");
+            response.set_content("ok", "text/plain");
+        });
+    });
+    const char* paths[] = {
+        "/v/seg%2f1.ts?sig=a%2fb",
+        "/v/seg%2F1.ts?sig=a%2Fb&exp=9",
+        "/~user/%7Euser/a.ts?t=~",
+        "/A/B.TS?Q=%41",
+    };
+    for (const char* path : paths) {
+        const auto outcome = perform(request(echo.url(path)));
+        ASSERT_FALSE(outcome.error) << path;
+        std::lock_guard lock(mutex);
+        EXPECT_EQ(target, path);
+        EXPECT_EQ(outcome.response->url.absoluteString(), echo.url(path));
+    }
+    const std::string upper = "HTTP://LocalHost:" + std::to_string(echo.port()) + "/x.ts";
+    const auto outcome = perform(request(upper));
+    ASSERT_FALSE(outcome.error) << outcome.error->localizedDescription;
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(host, "LocalHost:" + std::to_string(echo.port()));
 }
 
 } // namespace

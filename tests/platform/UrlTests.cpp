@@ -74,36 +74,68 @@ TEST(UrlComponents, AreTakenFromTheParsedUri) {
     }
 }
 
-TEST(UrlResolution, ResolvesReferencesAndNormalises) {
-    const Url base = url("http://a/b/c/d;p?q");
+// A CDN that signs a path or query compares the bytes it handed out: nothing of what was written
+// may change on the way, neither by a parse nor by the parts a resolution copies.
+TEST(UrlAsWritten, ParsingKeepsEveryByte) {
+    const char* texts[] = {
+        "http://cdn.test/v/seg%2f1.ts?sig=a%2fb",
+        "http://cdn.test/v/seg%2F1.ts?sig=a%2Fb&exp=1",
+        "http://cdn.test/%7euser/~user/a.ts",
+        "HTTP://CDN.Example.COM:8080/A/./b/../C.ts?Q=1#F",
+        "http://cdn.test/a/../../b.ts",
+        "http://[::1]:80/x",
+        "http://[FE80::1]/x",
+        "CPLP://local/master.m3u8",
+    };
+    for (const char* text : texts) {
+        const Url parsed = url(text);
+        EXPECT_EQ(parsed.absoluteString(), text);
+        // A parse of the text gives the same value again.
+        EXPECT_EQ(url(parsed.absoluteString().c_str()), parsed) << text;
+    }
+    const Url signed_ = url("HTTP://CDN.Example.COM:8080/v/seg%2f1.ts?sig=a%2fb#t");
+    EXPECT_EQ(signed_.scheme(), "HTTP");
+    EXPECT_EQ(signed_.host(), "CDN.Example.COM");
+    EXPECT_EQ(signed_.query(), "sig=a%2fb");
+    EXPECT_EQ(signed_.path(), "/v/seg/1.ts");
+    EXPECT_EQ(signed_.encodedLastPathComponent(), "seg%2f1.ts");
+    EXPECT_TRUE(signed_.hasScheme("http"));
+    EXPECT_FALSE(signed_.hasScheme("https"));
+}
+
+TEST(UrlResolution, FollowsTheRfcAndCopiesPartsAsWritten) {
+    const Url rfc = url("http://a/b/c/d;p?q");
+    const Url cdn = url("HTTPS://CDN.Example.com/v%2fx/~a/index.m3u8?sig=a%2Fb");
     const struct {
+        const Url& base;
         const char* reference;
         const char* expected;
     } cases[] = {
-        {"g", "http://a/b/c/g"},
-        {"./g", "http://a/b/c/g"},
-        {"g/", "http://a/b/c/g/"},
-        {"/g", "http://a/g"},
-        {"//g", "http://g"},
-        {"?y", "http://a/b/c/d;p?y"},
-        {"g?y", "http://a/b/c/g?y"},
-        {"#s", "http://a/b/c/d;p?q#s"},
-        {"..", "http://a/b/"},
-        {"../../g", "http://a/g"},
-        {"../../../g", "http://a/g"},
-        {"https://o/z.ts", "https://o/z.ts"},
-        {"HTTP://O/./z", "http://o/z"},
+        {rfc, "g", "http://a/b/c/g"},
+        {rfc, "./g", "http://a/b/c/g"},
+        {rfc, "g/", "http://a/b/c/g/"},
+        {rfc, "/g", "http://a/g"},
+        {rfc, "//g", "http://g"},
+        {rfc, "?y", "http://a/b/c/d;p?y"},
+        {rfc, "g?y", "http://a/b/c/g?y"},
+        {rfc, "#s", "http://a/b/c/d;p?q#s"},
+        {rfc, "..", "http://a/b/"},
+        {rfc, "../../g", "http://a/g"},
+        {rfc, "../../../g", "http://a/g"},
+        {rfc, "https://o/z.ts", "https://o/z.ts"},
+        {cdn, "seg%2f1.ts?sig=a%2fb", "HTTPS://CDN.Example.com/v%2fx/~a/seg%2f1.ts?sig=a%2fb"},
+        {cdn, "../%7Eb/s.ts", "HTTPS://CDN.Example.com/v%2fx/%7Eb/s.ts"},
+        {cdn, "/Top/s.ts?X=%2F", "HTTPS://CDN.Example.com/Top/s.ts?X=%2F"},
+        {cdn, "?sig=b%2f", "HTTPS://CDN.Example.com/v%2fx/~a/index.m3u8?sig=b%2f"},
+        {cdn, "//Other.COM/s.ts", "HTTPS://Other.COM/s.ts"},
+        {url("http://[FE80::1]:8/a/b"), "c", "http://[FE80::1]:8/a/c"},
     };
     for (const auto& c : cases) {
-        auto resolved = Url::parse(c.reference, base);
+        auto resolved = Url::parse(c.reference, c.base);
         ASSERT_TRUE(resolved) << c.reference;
         EXPECT_EQ(resolved->absoluteString(), c.expected) << c.reference;
     }
-    EXPECT_EQ(url("HTTP://Example.COM:8080/a/./b/../c?Q=1#F").absoluteString(),
-              "http://example.com:8080/a/c?Q=1#F");
-    EXPECT_EQ(url("http://h/%7e%41").absoluteString(), "http://h/~A");
-    EXPECT_EQ(url("http://[::1]:80/x").absoluteString(), "http://[::1]:80/x");
-    EXPECT_FALSE(Url::parse("a b", base));
+    EXPECT_FALSE(Url::parse("a b", rfc));
     EXPECT_FALSE(Url::parse("g", url("relative/base")));
 }
 
@@ -116,9 +148,15 @@ TEST(UrlPathEditing, DeletesAndAppendsComponents) {
         {"http://h/a/b/", "http://h/a/"},
         {"http://h/a", "http://h/"},
         {"http://h/", "http://h/"},
+        {"HTTP://H/A%2f/./b.m3u8?s=%2F", "HTTP://H/A%2f/./"},
     };
-    for (const auto& c : deleting)
-        EXPECT_EQ(url(c.base).deletingLastPathComponent().absoluteString(), c.expected);
+    for (const auto& c : deleting) {
+        const Url directory = url(c.base).deletingLastPathComponent();
+        EXPECT_EQ(directory.absoluteString(), c.expected);
+        EXPECT_FALSE(directory.query()) << c.base;
+        EXPECT_FALSE(directory.fragment()) << c.base;
+        EXPECT_EQ(directory.path(), url(c.expected).path()) << c.base;
+    }
 
     const struct {
         const char* base;
@@ -131,12 +169,26 @@ TEST(UrlPathEditing, DeletesAndAppendsComponents) {
         {"http://h", "a", "http://h/a"},
         {"http://h/p?k=v", "a", "http://h/p/a?k=v"},
         {"http://h/p?k=v", "a?x", "http://h/p/a?x"},
+        {"http://h:8/p?k=v#f", "a?x#y", "http://h:8/p/a?x#y"},
+        {"http://h/p#f", "a", "http://h/p/a#f"},
         {"http://h/p", "a b", "http://h/p/a%20b"},
         {"http://h/p", "x/y", "http://h/p/x/y"},
+        {"HTTP://H/P%2f", "s%2F1.ts?sig=a%2fb", "HTTP://H/P%2f/s%2F1.ts?sig=a%2fb"},
     };
-    for (const auto& c : appending)
-        EXPECT_EQ(url(c.base).appendingPathComponent(c.component).absoluteString(), c.expected)
-            << c.component;
+    for (const auto& c : appending) {
+        const Url appended = url(c.base).appendingPathComponent(c.component);
+        EXPECT_EQ(appended.absoluteString(), c.expected) << c.component;
+        // Built without a second parse: its parts must be what a parse of its text finds.
+        const Url parsed = url(c.expected);
+        EXPECT_EQ(appended.scheme(), parsed.scheme()) << c.component;
+        EXPECT_EQ(appended.host(), parsed.host()) << c.component;
+        EXPECT_EQ(appended.port(), parsed.port()) << c.component;
+        EXPECT_EQ(appended.path(), parsed.path()) << c.component;
+        EXPECT_EQ(appended.query(), parsed.query()) << c.component;
+        EXPECT_EQ(appended.fragment(), parsed.fragment()) << c.component;
+    }
+    // An escape that is not one leaves the URL unchanged, as a text that does not parse would.
+    EXPECT_EQ(url("http://h/p").appendingPathComponent("a%zz").absoluteString(), "http://h/p");
 }
 
 TEST(UrlFile, EncodesLocalPaths) {

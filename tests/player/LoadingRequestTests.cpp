@@ -143,38 +143,6 @@ TEST(LoadingRequest, RaceBetweenAnswerAndCancelEndsItExactlyOnce) {
     }
 }
 
-TEST(LoadingRequest, KeyRequestBlobsDependOnEveryInputAndEmptyInputsAreRefused) {
-    Outcomes outcomes;
-    auto request = outcomes.request();
-    const auto blob = [&](const Data& certificate, const Data& id, bool persistent) {
-        LoadingRequest::Options options;
-        if (persistent) options[streamingContentKeyRequestRequiresPersistentKey] = true;
-        return std::get<Data>(request->streamingContentKeyRequestData(certificate, id, options));
-    };
-    const Data base = blob("certificate", "abc123", false);
-    EXPECT_EQ(blob("certificate", "abc123", false), base);
-    EXPECT_NE(blob("certificatf", "abc123", false), base);
-    EXPECT_NE(blob("certificate", "abc124", false), base);
-    EXPECT_NE(blob("certificate", "abc123", true), base);
-    EXPECT_NE(base.find("abc123"), Data::npos);
-
-    struct Case {
-        Data certificate, id;
-        std::int64_t code;
-    };
-    for (const Case& c : {Case{"", "abc", loaderErrorInvalidCertificate},
-                          Case{"cert", "", loaderErrorInvalidContentIdentifier}}) {
-        auto result = request->streamingContentKeyRequestData(c.certificate, c.id);
-        ASSERT_TRUE(std::holds_alternative<Error>(result));
-        EXPECT_EQ(std::get<Error>(result).domain, Error::loaderDomain);
-        EXPECT_EQ(std::get<Error>(result).code, c.code);
-    }
-    EXPECT_TRUE(std::holds_alternative<Error>(request->persistentContentKey("")));
-    auto key = request->persistentContentKey("ckc");
-    ASSERT_TRUE(std::holds_alternative<Data>(key));
-    EXPECT_EQ(std::get<Data>(request->persistentContentKey("ckc")), std::get<Data>(key));
-}
-
 // MARK: - The asset's resource loader
 
 namespace {

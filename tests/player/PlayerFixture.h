@@ -2,6 +2,7 @@
 
 #include "platform/Asset.h"
 #include "platform/AssetResourceLoader.h"
+#include "platform/ContentKey.h"
 #include "platform/DispatchQueue.h"
 #include "platform/LoadingRequest.h"
 #include "platform/NotificationCenter.h"
@@ -168,9 +169,11 @@ private:
     void answer(platform::LoadingRequest& request, const platform::Url& url) {
         const std::string path = url.path();
         if (url.scheme() == "skd") {
+            // A key stored earlier for the asset: the one kind of answer a test can make alone.
+            platform::ContentKey key{std::string(16, 'k'), std::string(16, 'i'), url.host().value_or(""), 0};
             if (auto* information = request.contentInformationRequest())
-                information->setContentType(platform::streamingKeyDeliveryContentKeyType);
-            if (auto* data = request.dataRequest()) data->respond("key:" + url.host().value_or(""));
+                information->setContentType(platform::streamingKeyDeliveryPersistentContentKeyType);
+            if (auto* data = request.dataRequest()) data->respond(std::get<platform::Data>(key.seal()));
         } else if (path.ends_with(".m3u8")) {
             auto body = origin_->body(path);
             if (!body)

@@ -132,6 +132,9 @@ struct Origin::Impl {
         server.set_tcp_nodelay(true);
         // Idle keep-alive connections hold stop() for this long.
         server.set_keep_alive_timeout(1);
+        // A player keeps a connection open per rendition it reads, and an idle kept-alive
+        // connection holds a thread until it times out: httplib's 8 threads stall ffmpeg for 5 s.
+        server.new_task_queue = [] { return std::make_unique<httplib::ThreadPool>(32).release(); };
         if (!options.directory.empty() && !std::filesystem::is_directory(options.directory)) {
             if (error) *error = "cannot serve " + options.directory + ": not a readable directory";
             return false;

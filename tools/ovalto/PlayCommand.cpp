@@ -1,8 +1,12 @@
 #include "API/OvaltoAccess.h"
 #include "Command.h"
 #include "Origin.h"
+#include "PlaySubtitles.h"
 #include "PreparationOutcome.h"
+#include "QoeSession.h"
+#include "ProtectedPlay.h"
 #include "RetryReporter.h"
+#include "PreparedSession.h"
 #include "Timeline.h"
 #include "ovalto/Notifications.h"
 #include "ovalto/Ovalto.h"
@@ -14,6 +18,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -44,6 +49,11 @@ Without URL it serves the built-in sample on a loopback port and plays that.
   --trace                     also print every request the player makes
   --json                      one JSON object per event on standard output
   --timeout S                 give up when preparation takes longer than S seconds (default 60)
+  --subtitles FILE|URL        a side-car subtitle document; each delivered text and cue is printed
+                              (sample:srt, sample:vtt, sample:ttml: the built-in sample's)
+  --mime MIME                 its MIME type (application/x-subrip, text/vtt, application/nttml+xml
+                              …; implied for the sample's)
+%s
 
 The timeline goes to standard output, library logs to standard error. Exit status: 0 when the
 stream played, 1 when preparation or playback failed, 2 for bad usage.
@@ -61,6 +71,9 @@ struct PlayOptions {
     bool trace = false;
     bool json = false;
     double timeout = 60;
+    std::shared_ptr<PlaySubtitles> subtitles = std::make_shared<PlaySubtitles>();
+    QoeSession qoe;
+    ProtectedPlay protection;
 };
 
 std::atomic<bool> interrupted{false};
@@ -94,8 +107,14 @@ std::optional<int> parseOptions(const std::vector<std::string>& args, PlayOption
     for (std::size_t i = 0; i < args.size(); ++i) {
         const auto& arg = args[i];
         if (arg == "--help" || arg == "-h") {
-            std::cout << playUsage;
+            std::printf(playUsage, QoeSession::usage);
+            std::cout << "\nProtected content:\n" << ProtectedPlay::usage;
             return 0;
+        }
+        std::string problem;
+        if (int taken = options.protection.parse(args, i, problem)) {
+            if (taken < 0) return fail(problem);
+            continue;
         }
         if (arg == "--json") {
             options.json = true;
@@ -134,6 +153,8 @@ std::optional<int> parseOptions(const std::vector<std::string>& args, PlayOption
             if (arg == "--rate") options.rate = *number;
             if (arg == "--duration") options.duration = *number;
             if (arg == "--timeout") options.timeout = *number;
+        } else if (PlaySubtitles::takes(arg)) {
+            if (auto error = options.subtitles->set(arg, value)) return fail(*error);
         } else if (arg == "--log-level") {
             static const std::pair<const char*, OVALogLevel> levels[] = {{"debug", OVALogLevel::debug},
                                                                          {"info", OVALogLevel::info},
@@ -148,10 +169,13 @@ std::optional<int> parseOptions(const std::vector<std::string>& args, PlayOption
                 }
             }
             if (!known) return fail("--log-level takes debug, info, warning, error or silent");
+        } else if (std::string error; options.qoe.take(arg, value, error)) {
+            if (!error.empty()) return fail(error);
         } else {
             return fail("unknown option " + arg);
         }
     }
+    if (auto error = options.subtitles->validate()) return fail(*error);
     return std::nullopt;
 }
 
@@ -176,10 +200,16 @@ public:
     Session(PlayOptions options, Timeline& timeline)
         : options_(std::move(options))
         , timeline_(timeline) {}
+    void setAfterPreparation(AfterPreparation after) { after_ = std::move(after); }
 
     int run() {
         Ovalto::logLevel = options_.logLevel;
         std::unique_ptr<Origin> origin;
+        if (!options_.url && options_.protection.servesSample()) {
+            std::string error;
+            options_.url = options_.protection.start(timeline_, error);
+            if (!options_.url) return std::cerr << "ovalto play: " << error << "\n", 1;
+        }
         if (!options_.url) {
             Origin::Options serve;
             serve.directory = builtInSampleDirectory();
@@ -199,15 +229,18 @@ public:
             return 2;
         }
         if (!prepare(*url)) return 1;
+        if (after_) return after_(facade_, timeline_, interrupted);
         return play();
     }
 
 private:
     bool prepare(const platform::Url& url) {
         listener_ = std::make_shared<TimelineListener>(timeline_);
-        facade_ = Ovalto::create(listener_);
+        facade_ = Ovalto::create(options_.qoe.listener(listener_, timeline_));
         if (!options_.headers.empty())
             facade_->configurations[ConfigurationKey::httpHeaders] = options_.headers;
+        if (std::string error; !options_.protection.configure(facade_->configurations, error))
+            return std::cerr << "ovalto play: " << error << "\n", false;
 
         PreparationOutcome outcome(facade_);
         facade_->prepare(url, options_.customHeaders.empty() ? std::nullopt
@@ -241,6 +274,7 @@ private:
         timeline_.event("prepared", "player item ready for " + url.absoluteString());
         printMaster();
         printTracks();
+        options_.subtitles->attach(*facade_, timeline_);
         return true;
     }
 
@@ -364,6 +398,7 @@ private:
         player.reset();
         retries_.reset();
         facade_.reset(); // concludes the session
+        options_.qoe.finish();
         std::lock_guard lock(failureMutex);
         return failure ? 1 : 0;
     }
@@ -395,6 +430,7 @@ private:
                                  {"manifestRequests", figures.manifestRequests},
                                  {"fragmentRequests", figures.fragmentRequests},
                                  {"retries", retries_ ? retries_->retries() : 0}};
+        options_.subtitles->addFields(fields);
         if (timeline_.json()) {
             timeline_.event("summary", "", fields);
             return;
@@ -413,12 +449,14 @@ private:
              << "  bytes                " << bytes << "\n"
              << "  retries              " << (retries_ ? retries_->retries() : 0) << "\n"
              << "  average bitrate      " << static_cast<long>(averageBitrate / 1000) << " kbit/s\n"
-             << "  download throughput  " << static_cast<long>(throughput / 1000) << " kbit/s\n";
+             << "  download throughput  " << static_cast<long>(throughput / 1000) << " kbit/s\n"
+             << options_.subtitles->summaryLine();
         if (isatty(STDOUT_FILENO)) timeline_.progress("");
         std::cout << text.str() << std::flush;
     }
 
     PlayOptions options_;
+    AfterPreparation after_; // `ovalto bridge`: serve instead of playing
     Timeline& timeline_;
     std::shared_ptr<TimelineListener> listener_;
     std::shared_ptr<Ovalto> facade_;
@@ -442,6 +480,25 @@ int play(const std::vector<std::string>& args) {
     if (saved) std::cout.rdbuf(saved);
     return status;
 }
+
+} // namespace
+
+int prepareThen(const std::vector<std::string>& args, const std::string& usage, AfterPreparation after) {
+    PlayOptions options;
+    if (std::find(args.begin(), args.end(), "--help") != args.end()) {
+        std::cout << usage;
+        return 0;
+    }
+    if (auto status = parseOptions(args, options)) return *status;
+    std::signal(SIGINT, onInterrupt);
+    std::signal(SIGTERM, onInterrupt);
+    Timeline timeline(std::cout, options.json);
+    Session session(std::move(options), timeline);
+    session.setAfterPreparation(std::move(after));
+    return session.run();
+}
+
+namespace {
 
 CommandRegistrar registrar({"play", "prepare a stream through the library and play it (default: the sample)",
                             play});

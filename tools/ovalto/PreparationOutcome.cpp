@@ -10,17 +10,24 @@ namespace ovalto::tool {
 
 PreparationOutcome::PreparationOutcome(const std::shared_ptr<Ovalto>& facade) {
     auto& center = platform::NotificationCenter::defaultCenter();
-    tokens_.push_back(
-        center.addObserver(OvaltoPreparationNotification, facade, [this](const platform::Notification&) {
-            std::lock_guard lock(mutex_);
-            prepared_ = true;
-        }));
-    tokens_.push_back(
-        center.addObserver(OvaltoErrorNotification, facade, [this](const platform::Notification& note) {
-            auto it = note.userInfo.find(OvaltoErrorUserInfoKey);
-            if (it == note.userInfo.end()) return;
-            if (const auto* error = std::any_cast<platform::Error>(&it->second)) onError(*error);
-        }));
+    tokens_.push_back(center.addObserver(OvaltoPreparationNotification, facade,
+                                         [state = state_](const platform::Notification&) {
+                                             std::lock_guard lock(state->mutex);
+                                             state->prepared = true;
+                                         }));
+    tokens_.push_back(center.addObserver(OvaltoErrorNotification, facade,
+                                         [state = state_](const platform::Notification& note) {
+                                             auto it = note.userInfo.find(OvaltoErrorUserInfoKey);
+                                             if (it == note.userInfo.end()) return;
+                                             const auto* error = std::any_cast<platform::Error>(&it->second);
+                                             if (!error) return;
+                                             std::lock_guard lock(state->mutex);
+                                             if (endsPreparation(*error)) {
+                                                 if (!state->ending) state->ending = *error;
+                                             } else if (!state->firstReported) {
+                                                 state->firstReported = *error;
+                                             }
+                                         }));
 }
 
 PreparationOutcome::~PreparationOutcome() {
@@ -28,28 +35,19 @@ PreparationOutcome::~PreparationOutcome() {
         platform::NotificationCenter::defaultCenter().removeObserver(token);
 }
 
-void PreparationOutcome::onError(const platform::Error& error) {
-    std::lock_guard lock(mutex_);
-    if (endsPreparation(error)) {
-        if (!ending_) ending_ = error;
-    } else if (!firstReported_) {
-        firstReported_ = error;
-    }
-}
-
 bool PreparationOutcome::ended() const {
-    std::lock_guard lock(mutex_);
-    return prepared_ || ending_;
+    std::lock_guard lock(state_->mutex);
+    return state_->prepared || state_->ending;
 }
 
 bool PreparationOutcome::prepared() const {
-    std::lock_guard lock(mutex_);
-    return prepared_;
+    std::lock_guard lock(state_->mutex);
+    return state_->prepared;
 }
 
 std::optional<platform::Error> PreparationOutcome::error() const {
-    std::lock_guard lock(mutex_);
-    return ending_ ? ending_ : firstReported_;
+    std::lock_guard lock(state_->mutex);
+    return state_->ending ? state_->ending : state_->firstReported;
 }
 
 bool PreparationOutcome::endsPreparation(const platform::Error& error) {

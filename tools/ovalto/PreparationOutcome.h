@@ -16,7 +16,8 @@ namespace ovalto::tool {
 
 // How one preparation of a facade ended, read from the facade's notifications. They arrive on
 // whichever thread posts them (a failed playlist request on a resource's thread, the outcome on the
-// main queue), so the state is kept behind a lock.
+// main queue), so the state is kept behind a lock, shared with the observers so that a post under
+// way when this object goes still finds it.
 //
 // A failed request is reported while the engine is still waiting for its asset; only the
 // engine's own verdict (prepared, or an error with one of the codes that end a preparation)
@@ -37,12 +38,14 @@ public:
     static bool endsPreparation(const platform::Error& error);
 
 private:
-    void onError(const platform::Error& error);
+    struct State {
+        std::mutex mutex;
+        bool prepared = false;
+        std::optional<platform::Error> ending;
+        std::optional<platform::Error> firstReported;
+    };
 
-    mutable std::mutex mutex_;
-    bool prepared_ = false;
-    std::optional<platform::Error> ending_;
-    std::optional<platform::Error> firstReported_;
+    const std::shared_ptr<State> state_ = std::make_shared<State>();
     std::vector<platform::NotificationCenter::Token> tokens_;
 };
 

@@ -5,6 +5,7 @@
 #include "PlayList/MediaPlayList.h"
 #include "PlayList/PlayListText.h"
 #include "PlayList/Presentation.h"
+#include "Resources/PlayListResource.h"
 #include "ThroughLoader.h"
 #include "Utils/URLExtension.h"
 #include "ovalto/Ovalto.h"
@@ -14,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <mutex>
@@ -104,6 +106,7 @@ Input download(const platform::Url& url) {
     Input input;
     input.url = url;
     platform::UrlRequest request(url, platform::CachePolicy::reloadIgnoringLocalCacheData, 30);
+    request.deadlineInterval = PlayListResource::deadlineFactor * request.timeoutInterval;
     const auto result = sendSynchronous(*platform::UrlSession::create(), request);
     if (result.error) {
         const auto& error = *result.error;
@@ -130,13 +133,23 @@ Input readFile(const std::string& path) {
         input.error = "cannot read " + path + ": " + std::strerror(errno);
         return input;
     }
-    std::ostringstream text;
-    text << file.rdbuf();
+    // Straight into a string of the file's size: a stream buffer would hold the text twice or
+    // three times over while it grows, and a rewrite's peak memory is mostly this text.
+    std::string text;
+    std::error_code sizeError;
+    const auto size = std::filesystem::file_size(path, sizeError);
+    if (!sizeError) text.resize(size);
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    // A file that grew since, or one without a size (a pipe), is read on to its end.
+    char chunk[65536];
+    while (file.read(chunk, sizeof chunk) || file.gcount() > 0)
+        text.append(chunk, static_cast<std::size_t>(file.gcount()));
     if (file.bad()) {
         input.error = "cannot read " + path + ": " + std::strerror(errno);
         return input;
     }
-    input.text = text.str();
+    input.text = std::move(text);
     input.url = platform::Url::fileUrl(path);
     return input;
 }

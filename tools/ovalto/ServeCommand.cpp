@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <mutex>
 #include <string>
@@ -152,6 +153,12 @@ CommandRegistrar registrar({"serve", "serve a presentation over HTTP on loopback
 
 std::string builtInSampleDirectory() {
     if (const char* dir = std::getenv("OVALTO_SAMPLE_DIR"); dir && *dir) return dir;
+    // An installed tool (away from its source tree) has the sample in <prefix>/share/ovalto.
+    std::error_code error;
+    const auto installed =
+        std::filesystem::read_symlink("/proc/self/exe", error).parent_path() / "../share/ovalto/sample";
+    if (!std::filesystem::is_directory(OVALTO_SAMPLE_DIR) && std::filesystem::is_directory(installed, error))
+        return installed.lexically_normal().string();
     return OVALTO_SAMPLE_DIR;
 }
 

@@ -1,6 +1,7 @@
 #include "ThroughLoader.h"
 
 #include "PlayList/Presentation.h"
+#include "PlayList/RewrittenUrl.h"
 #include "Resources/OVAResourceLoader.h"
 #include "ovalto/Ovalto.h"
 #include "ovalto/OvaltoError.h"
@@ -122,7 +123,7 @@ int throughLoader(const std::string& url, bool verbose, std::ostream& out, std::
         return outcome;
     };
 
-    const auto master = ask("cplp://local/master.m3u8");
+    const auto master = ask(RewrittenUrl::master);
     if (master.kind != platform::LoadingOutcome::Kind::data) {
         Ovalto::logLevel = savedLevel;
         err << "ovalto rewrite: the master playlist at " << url << " did not come through the loader\n";
@@ -132,16 +133,20 @@ int throughLoader(const std::string& url, bool verbose, std::ostream& out, std::
     const auto streams = loader->presentation->streams.get();
     for (std::size_t s = 0; s < streams.size(); ++s) {
         for (const auto& [key, representation] : streams[s]->representations.get()) {
-            const std::string prefix = std::to_string(s) + "/" + std::to_string(key) + "/";
-            ask("cplp://local/" + prefix + "media.m3u8");
+            const long stream = static_cast<long>(s);
+            // The media playlist's URI as the rewritten master names it, resolved as a player would.
+            std::string media;
+            RewrittenUrl::appendMediaPlayList(media, stream, key);
+            ask(platform::Url::parse(media, *platform::Url::parse(RewrittenUrl::master))->absoluteString());
             // Only what the rewritten media playlist names, as a player would ask.
-            if (representation->initialURL.get()) ask("rdtp://local/" + prefix + "-1.ts");
+            if (representation->initialURL.get())
+                ask(RewrittenUrl::segment(stream, key, RewrittenUrl::initialSection));
             const auto sequence = representation->sequence.get();
             const auto count = static_cast<long>(representation->fragments.get().size());
             for (long i = 0; sequence && i < std::min<long>(count, segmentsPerRepresentation); ++i) {
                 std::int64_t number = 0;
                 if (__builtin_add_overflow(*sequence, i, &number)) break;
-                ask("rdtp://local/" + prefix + std::to_string(number) + ".ts");
+                ask(RewrittenUrl::segment(stream, key, number));
             }
         }
     }

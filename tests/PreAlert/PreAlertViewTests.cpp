@@ -1,0 +1,268 @@
+#include "PreAlert/PreAlertView.h"
+#include "ovalto/Ovalto.h"
+#include "platform/DispatchQueue.h"
+#include "platform/RunLoop.h"
+#include "support/LogCapture.h"
+
+#include <cairo.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cmath>
+#include <filesystem>
+
+namespace ovalto::test {
+namespace {
+
+using nivora::QOEHighlyCriticalInfo;
+using nivora::QOEViewInfo;
+using platform::Color;
+
+void drainMainQueue() {
+    std::atomic<bool> done{false};
+    platform::DispatchQueue::main()->async([&] { done = true; });
+    ASSERT_TRUE(platform::RunLoop::main().runFor(std::chrono::seconds(30), [&] { return done.load(); }));
+}
+
+QOEViewInfo viewInfo(std::string position, std::int32_t percent = 15) {
+    QOEViewInfo info;
+    info.position = std::move(position);
+    info.firstDetail = {true, false, percent, "#FFFFFF", false};
+    info.secondDetail = {false, true, percent, "#ffcc00", true};
+    info.thirdDetail = {false, false, percent, "#00ff00", false};
+    return info;
+}
+
+const QOEHighlyCriticalInfo alert{"Réseau instable", "通信が不安定です", "Wait"};
+
+// The box around every pixel that differs from the background, in a PNG file.
+struct Ink {
+    int minX = INT32_MAX, minY = INT32_MAX, maxX = -1, maxY = -1;
+    bool any() const { return maxX >= 0; }
+    double centreX() const { return (minX + maxX) / 2.0; }
+    double centreY() const { return (minY + maxY) / 2.0; }
+};
+
+Ink inkIn(const std::string& path, std::uint32_t background) {
+    Ink ink;
+    cairo_surface_t* image = cairo_image_surface_create_from_png(path.c_str());
+    EXPECT_EQ(cairo_surface_status(image), CAIRO_STATUS_SUCCESS) << path;
+    const int width = cairo_image_surface_get_width(image), height = cairo_image_surface_get_height(image);
+    const int stride = cairo_image_surface_get_stride(image);
+    const unsigned char* data = cairo_image_surface_get_data(image);
+    for (int y = 0; data && y < height; ++y) {
+        const auto* row = reinterpret_cast<const std::uint32_t*>(data + y * stride);
+        for (int x = 0; x < width; ++x) {
+            if (row[x] == background) continue;
+            ink.minX = std::min(ink.minX, x);
+            ink.maxX = std::max(ink.maxX, x);
+            ink.minY = std::min(ink.minY, y);
+            ink.maxY = std::max(ink.maxY, y);
+        }
+    }
+    cairo_surface_destroy(image);
+    return ink;
+}
+
+class PreAlertViewTest : public ::testing::Test {
+protected:
+    void SetUp() override { Ovalto::logLevel = OVALogLevel::warning; }
+    void TearDown() override {
+        std::filesystem::remove(png);
+        Ovalto::logLevel = OVALogLevel::debug;
+    }
+
+    // The overlay as the QoE manager makes it, with the hide actions kept for the test to run.
+    std::shared_ptr<PreAlertView> makeView() {
+        auto view = PreAlertView::create({{0, 0}, {640, 360}});
+        view->setBackgroundColor(Color::black());
+        view->setHidden(true);
+        view->setHideScheduler([this](auto delay, const auto& item) { hides.emplace_back(delay, item); });
+        return view;
+    }
+
+    std::vector<std::pair<std::chrono::steady_clock::duration, std::shared_ptr<platform::DispatchWorkItem>>>
+        hides;
+    const std::string png =
+        (std::filesystem::temp_directory_path() / ("prealert-" + std::to_string(::getpid()) + ".png"))
+            .string();
+};
+
+TEST_F(PreAlertViewTest, EachPositionPlacesTheDrawnTextWhereItSays) {
+    using Horizontal = platform::TextAlignment;
+    using Vertical = PreAlertView::VerticalAlignment;
+    struct Case {
+        const char* position;
+        Horizontal horizontal;
+        Vertical vertical;
+    };
+    const Case cases[] = {
+        {"TOP_LEFT", Horizontal::left, Vertical::top},
+        {"TOP_RIGHT", Horizontal::right, Vertical::top},
+        {"UNDER_LEFT", Horizontal::left, Vertical::bottom},
+        {"UNDER_RIGHT", Horizontal::right, Vertical::bottom},
+        {"MIDDLE", Horizontal::center, Vertical::center},
+        {"top_left", Horizontal::center, Vertical::center},
+    };
+    constexpr double width = 640, height = 360;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.position);
+        auto view = makeView();
+        view->show(alert, viewInfo(c.position));
+        drainMainQueue();
+        EXPECT_FALSE(view->isHidden());
+        EXPECT_EQ(view->textAlignment(), c.horizontal);
+        const double fitted = view->sizeThatFits({width, INFINITY}).height;
+        ASSERT_GT(fitted, 0);
+        ASSERT_LT(fitted, height);
+        const double top = -view->contentOffset().y;
+        EXPECT_GE(top, 1.0);
+
+        ASSERT_TRUE(view->writePNG(png));
+        const auto ink = inkIn(png, 0xFF000000); // opaque black background
+        ASSERT_TRUE(ink.any());
+        switch (c.horizontal) {
+        case Horizontal::left:
+            EXPECT_LT(ink.minX, width * 0.05);
+            EXPECT_LT(ink.maxX, width * 0.8);
+            break;
+        case Horizontal::right:
+            EXPECT_GT(ink.maxX, width * 0.95);
+            EXPECT_GT(ink.minX, width * 0.2);
+            break;
+        case Horizontal::center:
+            EXPECT_NEAR(ink.centreX(), width / 2, width * 0.05);
+            break;
+        }
+        switch (c.vertical) {
+        case Vertical::top:
+            EXPECT_EQ(top, 1.0);
+            EXPECT_LT(ink.minY, height * 0.1);
+            break;
+        case Vertical::bottom:
+            EXPECT_NEAR(top + fitted, height, 0.5);
+            EXPECT_GT(ink.maxY, height * 0.9);
+            break;
+        case Vertical::center:
+            EXPECT_NEAR(top + fitted / 2, height / 2, 0.5);
+            EXPECT_NEAR(ink.centreY(), height / 2, height * 0.1);
+            break;
+        }
+    }
+}
+
+TEST_F(PreAlertViewTest, ATextTallerThanTheViewStartsOnePointBelowTheTop) {
+    auto view = makeView();
+    view->show(alert, viewInfo("UNDER_LEFT", 100));
+    drainMainQueue();
+    EXPECT_GT(view->sizeThatFits({640, INFINITY}).height, 360);
+    EXPECT_EQ(view->contentOffset().y, -1.0);
+}
+
+TEST_F(PreAlertViewTest, ColoursAreReadFromHexText) {
+    struct Case {
+        const char* text;
+        Color expected;
+    };
+    const Case cases[] = {
+        {"#00ff00", {0, 1, 0, 1}},
+        {"zz", {0, 0, 0, 1}},
+        {"", {0, 0, 0, 1}},
+        {"FF8800", {1, 0x88 / 255.0, 0, 1}},
+        {"  #0000FF;", {0, 0, 1, 1}},
+        {"#AABBCCDD", {0xBB / 255.0, 0xCC / 255.0, 0xDD / 255.0, 1}}, // higher bits are dropped
+        {"#12zz56", {0, 0, 0x12 / 255.0, 1}},                         // the scan stops at z
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        const auto color = PreAlertView::color(c.text);
+        EXPECT_DOUBLE_EQ(color.red, c.expected.red);
+        EXPECT_DOUBLE_EQ(color.green, c.expected.green);
+        EXPECT_DOUBLE_EQ(color.blue, c.expected.blue);
+        EXPECT_EQ(color.alpha, 1);
+    }
+}
+
+TEST_F(PreAlertViewTest, EachTextCarriesItsOwnStyleInUtf16Ranges) {
+    // "警告😀" is four UTF-16 units: the emoji takes two.
+    const QOEHighlyCriticalInfo info{"警告😀", "ab", "c"};
+    QOEViewInfo style = viewInfo("TOP_LEFT");
+    style.firstDetail = {true, true, 50, "#ff0000", true};
+    style.secondDetail = {false, false, 100, "#0000ff", false};
+    style.thirdDetail = {false, true, 25, "#00ff00", false};
+    const auto text = PreAlertView::attributedText(info, style, 80);
+    EXPECT_EQ(text.string(), "警告😀\n\nab\n\nc");
+    EXPECT_EQ(text.length(), 11u);
+
+    struct Case {
+        std::size_t at;
+        std::optional<double> size;
+        bool bold, italic, underlined;
+        Color color;
+    };
+    const Case cases[] = {
+        {0, 40, true, true, true, {1, 0, 0, 1}},    {3, 40, true, true, true, {1, 0, 0, 1}},
+        {4, std::nullopt, false, false, false, {}}, {5, std::nullopt, false, false, false, {}},
+        {6, 80, false, false, false, {0, 0, 1, 1}}, {7, 80, false, false, false, {0, 0, 1, 1}},
+        {8, std::nullopt, false, false, false, {}}, {10, 20, false, true, false, {0, 1, 0, 1}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.at);
+        const auto attributes = text.attributesAt(c.at);
+        ASSERT_EQ(attributes.font.has_value(), c.size.has_value());
+        if (!c.size) {
+            EXPECT_FALSE(attributes.foregroundColor || attributes.underlineStyle);
+            continue;
+        }
+        EXPECT_DOUBLE_EQ(attributes.font->size, *c.size);
+        EXPECT_EQ(attributes.font->bold, c.bold);
+        EXPECT_EQ(attributes.font->italic, c.italic);
+        EXPECT_EQ(attributes.underlineStyle.has_value(), c.underlined);
+        EXPECT_EQ(attributes.foregroundColor, c.color);
+    }
+}
+
+TEST_F(PreAlertViewTest, ANewerAlertReplacesTheTextAndTheHide) {
+    LogCapture log;
+    Ovalto::logLevel = OVALogLevel::info;
+    auto view = makeView();
+    view->show({"first", "", ""}, viewInfo("TOP_LEFT"));
+    view->show({"second", "", ""}, viewInfo("TOP_LEFT"));
+    drainMainQueue();
+    EXPECT_FALSE(view->isHidden());
+    EXPECT_EQ(view->attributedText().string().substr(0, 6), "second");
+
+    ASSERT_EQ(hides.size(), 2u);
+    EXPECT_EQ(hides[0].first, std::chrono::seconds(10));
+    EXPECT_EQ(hides[1].first, std::chrono::seconds(10)); // counted from the second alert
+    EXPECT_TRUE(hides[0].second->isCancelled());
+    hides[0].second->perform(); // the first alert's ten seconds are over
+    EXPECT_FALSE(view->isHidden());
+    hides[1].second->perform(); // and now the second's
+    EXPECT_TRUE(view->isHidden());
+    int cancels = 0;
+    for (const auto& line : log.lines())
+        cancels += line.find("cancel previous work item") != std::string::npos;
+    EXPECT_EQ(cancels, 1);
+}
+
+TEST_F(PreAlertViewTest, AnOverlayInsideAViewIsDrawnOnlyWhileShown) {
+    auto root = platform::View::create({{0, 0}, {320, 180}});
+    root->setBackgroundColor(Color::white());
+    auto view = PreAlertView::create(root->bounds());
+    view->setBackgroundColor(Color::black());
+    view->setHidden(true);
+    root->addSubview(view);
+    ASSERT_TRUE(root->writePNG(png));
+    EXPECT_FALSE(inkIn(png, 0xFFFFFFFF).any());
+    view->setHidden(false);
+    ASSERT_TRUE(root->writePNG(png));
+    const auto ink = inkIn(png, 0xFFFFFFFF);
+    EXPECT_EQ(ink.minX, 0);
+    EXPECT_EQ(ink.maxY, 179);
+    EXPECT_FALSE(root->writePNG("/nonexistent-dir/alert.png"));
+}
+
+} // namespace
+} // namespace ovalto::test

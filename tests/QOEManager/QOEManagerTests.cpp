@@ -1,0 +1,383 @@
+#include "QOEManager/QOEManager.h"
+#include "RecordingNivora.h"
+#include "Resources/OVAResourceLoader.h"
+#include "ovalto/Notifications.h"
+#include "ovalto/Ovalto.h"
+#include "platform/DispatchQueue.h"
+#include "platform/LoadingRequest.h"
+#include "platform/NotificationCenter.h"
+#include "platform/RunLoop.h"
+#include "platform/View.h"
+#include "support/LogCapture.h"
+#include "support/TestOrigin.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+
+namespace ovalto::test {
+namespace {
+
+using Request = nivora::NetworkPlugin::Request;
+
+QOEManager::QOEReport fixedReport() {
+    return QOEManager::QOEReport({"Debian GNU/Linux", "12", "ovalto", "Linux", "0000-ID"}, {});
+}
+
+// Runs the main queue until everything queued before this call has run.
+void drainMainQueue() {
+    std::atomic<bool> done{false};
+    platform::DispatchQueue::main()->async([&] { done = true; });
+    ASSERT_TRUE(platform::RunLoop::main().runFor(std::chrono::seconds(30), [&] { return done.load(); }));
+}
+
+// Collects the texts of the log notifications posted while it lives.
+class EventMessages {
+public:
+    EventMessages() {
+        token_ = platform::NotificationCenter::defaultCenter().addObserver(
+            OvaltoLogNotification, {}, [this](const platform::Notification& note) {
+                EXPECT_EQ(note.object, nullptr);
+                std::lock_guard lock(mutex_);
+                texts_.push_back(std::any_cast<std::string>(note.userInfo.at(OvaltoLog)));
+            });
+    }
+    ~EventMessages() { platform::NotificationCenter::defaultCenter().removeObserver(token_); }
+    std::vector<std::string> texts() const {
+        std::lock_guard lock(mutex_);
+        return texts_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> texts_;
+    platform::NotificationCenter::Token token_ = 0;
+};
+
+class QOEManagerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Ovalto::logLevel = OVALogLevel::warning;
+        manager->setNivora(nivora);
+    }
+    void TearDown() override {
+        manager->conclude();
+        Ovalto::logLevel = OVALogLevel::debug;
+    }
+
+    std::shared_ptr<RecordingNivora> nivora = std::make_shared<RecordingNivora>();
+    std::shared_ptr<QOEManager> manager = std::make_shared<QOEManager>(fixedReport());
+};
+
+ResponseInfo fragmentResponse(std::int32_t stream, std::int64_t index, std::string type = "video") {
+    ResponseInfo info;
+    info.uri = "http://origin.test/" + std::to_string(stream) + "/" + std::to_string(index) + ".ts";
+    info.originalUri = info.uri;
+    info.edgeIP = "10.0.0.1";
+    info.size = 1000 + index;
+    info.type = std::move(type);
+    info.start = platform::MediaTime::make(index * 6000, 1000);
+    info.duration = platform::MediaTime::make(6000, 1000);
+    info.downloadTime = platform::MediaTime::make(120, 1000);
+    info.streamIndex = stream;
+    info.fragmentIndex = index;
+    info.bitrate = 800000;
+    return info;
+}
+
+TEST_F(QOEManagerTest, RequestRecordsReachThePluginAndComeBackConverted) {
+    struct Case {
+        const char* what;
+        std::optional<std::string> type;
+        std::int32_t timeout;
+        std::int32_t connectionTimeoutMs; // what the plug-in sets; 0 leaves it
+        std::int32_t expectedMs;
+        std::int32_t expectedTimeout;
+        nivora::MediaType expectedType;
+    };
+    const Case cases[] = {
+        {"seconds become milliseconds and back", "audio", 30, 0, 30000, 30, nivora::MediaType::audio},
+        {"the plug-in's timeout is carried back", "text", 30, 5000, 30000, 5, nivora::MediaType::text},
+        {"back in whole seconds", "video", 30, 1500, 30000, 1, nivora::MediaType::video},
+        {"an unknown type is video", "subtitles", 30, 0, 30000, 30, nivora::MediaType::video},
+        {"an absurd timeout is clamped", "video", 1 << 30, 0, INT32_MAX, INT32_MAX / 1000,
+         nivora::MediaType::video},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        nivora->network = std::make_shared<RecordingNetworkPlugin>();
+        nivora->network->rewrite = [&](Request& request) {
+            if (c.connectionTimeoutMs) request.connectionTimeoutMs = c.connectionTimeoutMs;
+            request.readTimeoutMs = 1; // never carried back
+            request.headers.push_back({"X-Plugin", "1"});
+        };
+        RequestInfo info;
+        info.uri = "http://origin.test/seg.ts";
+        info.headers = {{"A", "1"}, {"A", "2"}};
+        info.timeout = c.timeout;
+        info.type = c.type;
+        manager->onFragmentRequest(info);
+
+        const auto requests = nivora->network->requests();
+        ASSERT_EQ(requests.size(), 1u);
+        EXPECT_EQ(requests[0].connectionTimeoutMs, c.expectedMs);
+        EXPECT_EQ(requests[0].readTimeoutMs, c.expectedMs);
+        ASSERT_EQ(requests[0].headers.size(), 2u);
+        EXPECT_EQ(requests[0].headers[1].value, "2");
+        EXPECT_EQ(nivora->network->types()[0], c.expectedType);
+        EXPECT_EQ(info.timeout, c.expectedTimeout);
+        EXPECT_EQ(info.headers, (std::vector<std::pair<std::string, std::string>>{
+                                    {"A", "1"}, {"A", "2"}, {"X-Plugin", "1"}}));
+    }
+}
+
+TEST_F(QOEManagerTest, AThrowingHookLeavesTheRecordAndSendsNoMessage) {
+    LogCapture log;
+    EventMessages messages;
+    nivora->network->throws = true;
+    nivora->network->rewrite = [](Request& request) { request.uri = "http://elsewhere.test/"; };
+    RequestInfo info;
+    info.uri = "http://origin.test/master.m3u8";
+    info.timeout = 30;
+    manager->onManifestRequest(info);
+    auto response = fragmentResponse(0, 1);
+    manager->onFragmentResponse(response);
+
+    EXPECT_EQ(info.uri, "http://origin.test/master.m3u8");
+    EXPECT_EQ(info.timeout, 30);
+    EXPECT_TRUE(info.headers.empty());
+    EXPECT_TRUE(log.contains("[Error QOEManager.cpp|onManifestRequest(with:)|"));
+    EXPECT_TRUE(log.contains("hook refused the request"));
+    EXPECT_TRUE(messages.texts().empty());
+    // The fragment is in the report all the same.
+    EXPECT_EQ(manager->withReport([](auto& report) { return report.tracks.size(); }), 1u);
+}
+
+TEST_F(QOEManagerTest, MissingHooksAreLoggedAndFragmentsStillRecorded) {
+    LogCapture log;
+    nivora->network.reset();
+    RequestInfo request;
+    request.uri = "http://origin.test/master.m3u8";
+    manager->onManifestRequest(request);
+    auto response = fragmentResponse(2, 7);
+    manager->onFragmentResponse(response);
+    EXPECT_EQ(request.uri, "http://origin.test/master.m3u8");
+    EXPECT_TRUE(log.contains("|onManifestRequest(with:)|"));
+    EXPECT_TRUE(log.contains("|onFragmentResponse(with:)|"));
+    EXPECT_TRUE(log.contains("plugin not found"));
+    EXPECT_EQ(manager->withReport([](auto& report) { return report.tracks.at(0).fragments.at(0).index; }), 7);
+
+    // A plug-in that has gone away counts as one without hooks.
+    log.clear();
+    nivora.reset();
+    manager->report();
+    manager->prepare(*platform::Url::parse("http://origin.test/master.m3u8"));
+    EXPECT_EQ(log.lines().size(), 2u);
+    EXPECT_TRUE(log.contains("[Warning QOEManager.cpp|report()|"));
+    EXPECT_TRUE(log.contains("[Warning QOEManager.cpp|prepare(with:)|"));
+}
+
+TEST_F(QOEManagerTest, EventMessagesDescribeTheRecordsAfterTheHook) {
+    EventMessages messages;
+    nivora->network->rewrite = [](Request& request) { request.uri += "?token=1"; };
+    RequestInfo manifest;
+    manifest.uri = "http://origin.test/master.m3u8";
+    manager->onManifestRequest(manifest);
+    RequestInfo fragment;
+    fragment.uri = "http://origin.test/0.ts";
+    fragment.type = "video";
+    manager->onFragmentRequest(fragment);
+    ResponseInfo manifestResponse;
+    manifestResponse.uri = "http://origin.test/master.m3u8";
+    manager->onManifestResponse(manifestResponse);
+    auto fragmentWithEdge = fragmentResponse(0, 3);
+    manager->onFragmentResponse(fragmentWithEdge);
+
+    EXPECT_EQ(
+        messages.texts(),
+        (std::vector<std::string>{
+            "MP: onManfiestRequest\nMP: uri=Optional(\"http://origin.test/master.m3u8?token=1\")",
+            "MP: onFragmentRequest\nMP: uri=Optional(\"http://origin.test/0.ts?token=1\")",
+            "MP: onManifestResponse\nMP: uri=Optional(\"http://origin.test/master.m3u8\")\nMP: size=nil",
+            "MP: onFragmentResponse\nMP: uri=Optional(\"http://origin.test/0/3.ts\")\nMP: "
+            "edge=Optional(\"10.0.0.1\")\nMP: size=Optional(1003)",
+        }));
+    const auto responses = nivora->network->responses();
+    ASSERT_EQ(responses.size(), 2u);
+    EXPECT_EQ(responses[0].originalUri, ""); // absent fields reach the plug-in empty
+    EXPECT_EQ(responses[0].edgeIP, "");
+    EXPECT_EQ(responses[1].edgeIP, "10.0.0.1");
+}
+
+TEST_F(QOEManagerTest, ReportsCarryTheSessionAsItGrows) {
+    nivora->qoe->interval = 0;
+    manager->prepare(*platform::Url::parse("http://origin.test/master.m3u8"));
+
+    manager->report(); // before anything happened
+    manager->onStartupTime(850);
+    manager->onBuffering(1700000000, 1200, 800000);
+    for (auto [stream, index] : {std::pair{2, 10}, {2, 11}, {3, 10}}) {
+        auto response = fragmentResponse(stream, index, stream == 2 ? "video" : "audio");
+        manager->onFragmentResponse(response);
+    }
+    manager->report();
+    manager->onBuffering(1700000010, 300, 400000);
+    manager->report();
+
+    const auto reports = nivora->qoe->reports();
+    ASSERT_EQ(reports.size(), 3u);
+    const auto& first = reports[0];
+    EXPECT_FALSE(first.contains("tracks"));
+    EXPECT_FALSE(first["playbackInfo"].contains("buffering"));
+    EXPECT_TRUE(first["playbackInfo"]["startupTime"].is_null());
+    EXPECT_EQ(first["manifest"], "http://origin.test/master.m3u8");
+    EXPECT_EQ(first["networkInfo"]["type"], "WiFi"); // no modem on a test machine
+    EXPECT_TRUE(first["networkInfo"]["carrier"]["mcc"].is_null());
+    std::vector<std::string> keys;
+    for (const auto& [key, value] : first.items())
+        keys.push_back(key);
+    EXPECT_EQ(keys, (std::vector<std::string>{"transactionId", "time", "manifest", "deviceInfo",
+                                              "playbackInfo", "networkInfo"}));
+
+    const auto& second = reports[1];
+    EXPECT_EQ(second["playbackInfo"]["startupTime"], 850);
+    EXPECT_EQ(second["playbackInfo"]["buffering"].dump(),
+              R"([{"currentTime":1700000000,"duration":1200,"bitrate":800000}])");
+    ASSERT_EQ(second["tracks"].size(), 2u);
+    EXPECT_EQ(second["tracks"][0]["id"], 2);
+    EXPECT_EQ(second["tracks"][0]["fragments"].size(), 2u);
+    EXPECT_EQ(second["tracks"][1]["name"], "audio");
+    EXPECT_EQ(second["tracks"][0]["fragments"][1].dump(),
+              R"({"index":11,"bitrate":800000,"uri":"http://origin.test/2/11.ts","startTime":66000,)"
+              R"("duration":6000,"size":1011,"downloadTime":120})");
+
+    const auto& third = reports[2];
+    EXPECT_TRUE(third["playbackInfo"]["startupTime"].is_null());
+    EXPECT_EQ(third["playbackInfo"]["buffering"].size(), 1u);
+    EXPECT_EQ(third["tracks"][0]["fragments"].size(), 2u); // fragments stay
+    EXPECT_EQ(third["playbackInfo"]["sessionId"], first["playbackInfo"]["sessionId"]);
+}
+
+TEST_F(QOEManagerTest, AbsurdTimesAreNarrowedAndBadTextDropsOneReport) {
+    LogCapture log;
+    manager->prepare(*platform::Url::parse("http://origin.test/master.m3u8"));
+    auto response = fragmentResponse(0, 1);
+    response.start = platform::MediaTime::make(-(std::int64_t{1} << 40), 1000);
+    response.duration = platform::MediaTime::make(std::int64_t{1} << 40, 1000);
+    response.downloadTime.reset();
+    response.size = std::int64_t{1} << 40;
+    manager->onFragmentResponse(response);
+    manager->onStartupTime(10);
+    manager->report();
+    auto bad = fragmentResponse(1, 1);
+    bad.uri = std::string("http://origin.test/\xff.ts");
+    manager->onFragmentResponse(bad);
+    manager->report();
+
+    const auto reports = nivora->qoe->reports();
+    ASSERT_EQ(reports.size(), 1u);
+    const auto& fragment = reports[0]["tracks"][0]["fragments"][0];
+    EXPECT_EQ(fragment["startTime"], INT32_MIN);
+    EXPECT_EQ(fragment["duration"], INT32_MAX);
+    EXPECT_EQ(fragment["downloadTime"], 0);
+    EXPECT_EQ(fragment["size"], std::int64_t{1} << 40);
+    EXPECT_TRUE(log.contains("Invalid JSON Representation"));
+}
+
+TEST_F(QOEManagerTest, TheTimerRunsOnlyWithAPositiveIntervalAndFollowsThePlugin) {
+    LogCapture log;
+    nivora->qoe->throws = true; // onConfiguration fails: the interval stays 0
+    manager->prepare(*platform::Url::parse("http://origin.test/master.m3u8"));
+    drainMainQueue();
+    EXPECT_FALSE(manager->timer());
+    EXPECT_TRUE(log.contains("no configuration today"));
+
+    nivora->qoe->changeInterval(5);
+    drainMainQueue();
+    auto first = manager->timer();
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->interval(), std::chrono::seconds(5));
+
+    nivora->qoe->changeInterval(2);
+    nivora->qoe->changeInterval(1); // two changes before the main queue runs: the last one wins
+    drainMainQueue();
+    EXPECT_FALSE(first->isValid());
+    ASSERT_TRUE(manager->timer());
+    EXPECT_EQ(manager->timer()->interval(), std::chrono::seconds(1));
+
+    nivora->qoe->changeInterval(0);
+    drainMainQueue();
+    EXPECT_FALSE(manager->timer());
+
+    nivora->qoe->changeInterval(3);
+    manager->conclude(); // before the main queue made the timer
+    manager->conclude();
+    drainMainQueue();
+    EXPECT_FALSE(manager->timer());
+}
+
+TEST_F(QOEManagerTest, ATimedReportReachesThePluginOnTheMainLoop) {
+    nivora->qoe->interval = 1;
+    manager->prepare(*platform::Url::parse("http://origin.test/master.m3u8"));
+    EXPECT_TRUE(platform::RunLoop::main().runFor(std::chrono::seconds(30),
+                                                 [&] { return !nivora->qoe->reports().empty(); }));
+}
+
+TEST_F(QOEManagerTest, APluginRewrittenManifestRequestIsWhatThePlaylistResourceFetches) {
+    TestOrigin origin;
+    origin.serve("/moved/master.m3u8", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=800000\nhd/index.m3u8\n");
+    nivora->network->rewrite = [&](Request& request) {
+        request.uri = origin.url("/moved/master.m3u8");
+        request.headers.push_back({"X-Plugin-Token", "abc"});
+    };
+    OVAResourceLoader loader{std::weak_ptr<ErrorSink>()};
+    loader.configurations.set(
+        Configurations{{ConfigurationKey::contentUrl, *platform::Url::parse(origin.url("/master.m3u8"))}});
+    loader.pluginListener.set(manager);
+    std::promise<platform::LoadingOutcome> finished;
+    auto request = platform::LoadingRequest::create(
+        platform::UrlRequest(*platform::Url::parse("cplp://local/master.m3u8")), {},
+        [&](const platform::LoadingOutcome& outcome) { finished.set_value(outcome); });
+    ASSERT_TRUE(loader.load(request));
+    auto future = finished.get_future();
+    ASSERT_EQ(future.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    EXPECT_EQ(future.get().kind, platform::LoadingOutcome::Kind::data);
+
+    EXPECT_EQ(origin.requestCount("/master.m3u8"), 0);
+    const auto requests = origin.requests("/moved/master.m3u8");
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].values("X-Plugin-Token"), std::vector<std::string>{"abc"});
+    const auto responses = nivora->network->responses();
+    ASSERT_EQ(responses.size(), 1u);
+    EXPECT_EQ(responses[0].uri, origin.url("/moved/master.m3u8"));
+}
+
+TEST(QOEFacade, TheFacadeReachesItsManagerOnlyWhenItHasOne) {
+    LogCapture log; // keeps the failing preparation's lines off the console
+    auto plain = Ovalto::create();
+    plain->setPreAlertView(platform::View::create({{0, 0}, {320, 180}}));
+    EXPECT_TRUE(log.contains("[Warning Ovalto.cpp|setPreAlertView(preAlertView:)|"));
+    EXPECT_TRUE(log.contains("QoEManager not found"));
+
+    auto first = std::make_shared<RecordingNivora>(), second = std::make_shared<RecordingNivora>();
+    auto facade = Ovalto::create(first);
+    facade->setNivora(second);
+    auto root = platform::View::create({{0, 0}, {320, 180}});
+    log.clear();
+    facade->setPreAlertView(root);
+    EXPECT_FALSE(log.contains("QoEManager not found"));
+    ASSERT_EQ(root->subviews().size(), 1u);
+    EXPECT_TRUE(root->subviews()[0]->isHidden());
+    EXPECT_EQ(root->subviews()[0]->frame(), root->bounds());
+
+    // The plug-in set last is the one the manager talks to.
+    log.clear();
+    facade->prepare(*platform::Url::parse("http://127.0.0.1:1/master.m3u8"));
+    EXPECT_EQ(first->qoe->configurations.load(), 0);
+    EXPECT_EQ(second->qoe->configurations.load(), 1);
+    facade.reset();
+}
+
+} // namespace
+} // namespace ovalto::test

@@ -1,0 +1,162 @@
+#include "nivora/reference/ReferenceNivora.h"
+#include "support/LogCapture.h"
+#include "support/LoopbackServer.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+
+namespace ovalto::test {
+namespace {
+
+using nivora::reference::ReferenceNivora;
+using Dictionary = nivora::QOEPlugin::Dictionary;
+
+Dictionary reportWithBuffering(std::vector<std::int64_t> durations) {
+    Dictionary report = {{"transactionId", 1},
+                         {"playbackInfo", {{"sessionId", 7}, {"startupTime", nullptr}}}};
+    for (auto duration : durations)
+        report["playbackInfo"]["buffering"].push_back(
+            {{"currentTime", 1700000000}, {"duration", duration}, {"bitrate", 800000}});
+    return report;
+}
+
+std::vector<std::string> linesOf(const std::string& path) {
+    std::ifstream file(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+class ReferencePluginTest : public ::testing::Test {
+protected:
+    void TearDown() override { std::filesystem::remove(path); }
+
+    const std::string path =
+        (std::filesystem::temp_directory_path() / ("reports-" + std::to_string(::getpid()) + ".jsonl"))
+            .string();
+};
+
+TEST_F(ReferencePluginTest, EveryReportIsWrittenBeforeItIsPosted) {
+    std::mutex mutex;
+    std::vector<std::string> posted;
+    LoopbackServer collector([&](httplib::Server& server) {
+        server.Post("/qoe", [&](const httplib::Request& request, httplib::Response& response) {
+            std::lock_guard lock(mutex);
+            posted.push_back(request.get_header_value("Content-Type") + " " + request.body);
+            response.status = 204;
+        });
+    });
+    std::string downUrl;
+    {
+        LoopbackServer closed([](httplib::Server&) {});
+        downUrl = closed.url("/qoe");
+    } // nothing listens there any more
+
+    struct Case {
+        const char* what;
+        std::optional<std::string> collector;
+        std::size_t posts;
+        int failures;
+    };
+    const Case cases[] = {
+        {"file only", std::nullopt, 0, 0},
+        {"file and collector", collector.url("/qoe"), 2, 0},
+        {"collector down", downUrl, 0, 2},
+        {"collector answers 404", collector.url("/elsewhere"), 0, 2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        LogCapture log;
+        std::filesystem::remove(path);
+        posted.clear();
+        ReferenceNivora::Options options;
+        options.qoe.reportPath = path;
+        options.qoe.collectorUrl = c.collector;
+        ReferenceNivora nivora(options);
+        auto plugin = nivora.getQOEPlugin();
+        plugin->onQOEEvent(reportWithBuffering({}));
+        plugin->onQOEEvent(reportWithBuffering({300}));
+        ASSERT_TRUE(nivora.qoePlugin()->waitForPosts(std::chrono::seconds(60)));
+
+        const auto lines = linesOf(path);
+        ASSERT_EQ(lines.size(), 2u);
+        EXPECT_EQ(Dictionary::parse(lines[1]), reportWithBuffering({300}));
+        EXPECT_EQ(nivora.qoePlugin()->postsFailed(), c.failures);
+        EXPECT_EQ(log.contains("report not posted"), c.failures > 0);
+        std::lock_guard lock(mutex);
+        ASSERT_EQ(posted.size(), c.posts);
+        if (c.posts) { // the two posts may overtake each other
+            std::vector<std::string> expected{"application/json " + lines[0], "application/json " + lines[1]};
+            std::sort(posted.begin(), posted.end());
+            std::sort(expected.begin(), expected.end());
+            EXPECT_EQ(posted, expected);
+        }
+    }
+}
+
+TEST_F(ReferencePluginTest, AnUnwritableFileFailsTheReport) {
+    LogCapture log;
+    ReferenceNivora::Options options;
+    options.qoe.reportPath = "/nonexistent-dir/reports.jsonl";
+    ReferenceNivora nivora(options);
+    EXPECT_THROW(nivora.getQOEPlugin()->onQOEEvent(reportWithBuffering({})), std::runtime_error);
+    EXPECT_TRUE(log.contains("cannot open /nonexistent-dir/reports.jsonl"));
+}
+
+TEST_F(ReferencePluginTest, ALongReBufferingRaisesOnePreAlert) {
+    struct Case {
+        const char* what;
+        std::optional<std::int64_t> threshold;
+        std::vector<std::int64_t> durations;
+        int alerts;
+    };
+    const Case cases[] = {
+        {"no threshold", std::nullopt, {5000}, 0},
+        {"no buffering", 1000, {}, 0},
+        {"as long as the threshold", 1000, {1000}, 0},
+        {"longer", 1000, {200, 1001}, 1},
+        {"several longer ones in one report", 0, {10, 20, 30}, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        ReferenceNivora::Options options;
+        options.qoe.preAlertAfterMs = c.threshold;
+        ReferenceNivora nivora(options);
+        int alerts = 0;
+        nivora.getQOEPlugin()->setOnPreAlertListener(
+            [&](const nivora::QOEHighlyCriticalInfo& alert, const nivora::QOEViewInfo& view) {
+                ++alerts;
+                EXPECT_FALSE(alert.secondText.empty());
+                EXPECT_FALSE(view.position.empty());
+            });
+        nivora.getQOEPlugin()->onQOEEvent(reportWithBuffering(c.durations));
+        EXPECT_EQ(alerts, c.alerts);
+    }
+}
+
+TEST_F(ReferencePluginTest, HeadersAreAddedToTheirKindOfRequestAndTheIntervalIsConfigured) {
+    ReferenceNivora::Options options;
+    options.manifestHeaders = {{"X-Manifest", "m"}};
+    options.fragmentHeaders = {{"X-Fragment", "f"}, {"X-Fragment", "g"}};
+    options.qoe.interval = 5;
+    ReferenceNivora nivora(options);
+    nivora::NetworkPlugin::Request manifest{"http://origin.test/master.m3u8", {{"A", "1"}}, 30000, 30000};
+    nivora::NetworkPlugin::Request fragment = manifest;
+    nivora.getNetworkPlugin()->onManifestRequest(manifest);
+    nivora.getNetworkPlugin()->onFragmentRequest(fragment, nivora::MediaType::audio);
+    ASSERT_EQ(manifest.headers.size(), 2u);
+    EXPECT_EQ(manifest.headers[1].name, "X-Manifest");
+    ASSERT_EQ(fragment.headers.size(), 3u);
+    EXPECT_EQ(fragment.headers[2].value, "g");
+    nivora::QOEPlugin::Configuration configuration;
+    nivora.getQOEPlugin()->onConfiguration(configuration);
+    EXPECT_EQ(configuration.interval, 5);
+}
+
+} // namespace
+} // namespace ovalto::test
