@@ -86,8 +86,12 @@ TEST_F(ResilienceTest, SegmentStatusesThatCannotChangeFailAtOnceOthersAreRetried
         int requests; // of the second segment; 0: more than one
     };
     const std::vector<Row> rows = {
-        {{{403}}, false, 1},        {{{404}}, false, 1},       {{{410}}, false, 1},
-        {{{408}, {200}}, true, 2},  {{{429}, {200}}, true, 2}, {{{503}, {502}, {200}}, true, 3},
+        {{{403}}, false, 1},
+        {{{404}}, false, 1},
+        {{{410}}, false, 1},
+        {{{408}, {200}}, true, 2},
+        {{{429}, {200}}, true, 2},
+        {{{503}, {502}, {200}}, true, 3},
         {{{200, {}, ovalto::tool::Origin::Fault::drop}, {200}}, true, 2},
         {{{500}}, false, 0}, // gives up once the buffer is empty and the window is over
     };

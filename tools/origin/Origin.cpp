@@ -283,8 +283,12 @@ Origin::~Origin() {
 
 bool Origin::start(std::string* error) {
     if (!impl_->bind(error)) return false;
-    // The socket already listens, so clients may connect before the accept loop runs.
+    // The socket already listens, so clients may connect before the accept loop runs; waiting
+    // for it keeps a quick stop() from racing the start (httplib ignores a stop before it runs).
     impl_->thread = std::thread([this] { impl_->server.listen_after_bind(); });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!impl_->server.is_running() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return true;
 }
 

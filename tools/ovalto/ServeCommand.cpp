@@ -1,17 +1,23 @@
 #include "Command.h"
 #include "Origin.h"
 
+#include <algorithm>
+#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace ovalto::tool {
 
 namespace {
 
-const char* serveUsage = R"(usage: ovalto serve [DIR] [--port P] [--host H] [--live] [--window N] [--quiet]
+const char* serveUsage = R"(usage: ovalto serve [DIR] [--port P] [--host H] [--live] [--window N]
+                   [--outage AT+LENGTH] [--quiet]
 
 Serves an HLS presentation over HTTP on loopback, with the content types players expect
 (application/vnd.apple.mpegurl for playlists).
@@ -23,6 +29,9 @@ Serves an HLS presentation over HTTP on loopback, with the content types players
                segments, looping with a discontinuity at each wrap; the window follows the wall
                clock, so a restarted origin continues the same stream
   --window N   segments in a live window (default 3)
+  --outage AT+LENGTH
+               from AT seconds after the start, drop every connection for LENGTH seconds, as
+               an origin that went away would (repeatable; for example --outage 20+1.2)
   --quiet      do not log each request on standard error
 
 Stops on Ctrl-C.
@@ -32,6 +41,7 @@ int serve(const std::vector<std::string>& args) {
     Origin::Options options;
     options.directory = builtInSampleDirectory();
     bool quiet = false;
+    std::vector<std::pair<double, double>> outages; // start and length, seconds
     for (std::size_t i = 0; i < args.size(); ++i) {
         const auto& arg = args[i];
         auto value = [&]() -> std::optional<std::string> {
@@ -45,6 +55,17 @@ int serve(const std::vector<std::string>& args) {
             options.live = true;
         } else if (arg == "--quiet") {
             quiet = true;
+        } else if (arg == "--outage") {
+            auto v = value();
+            char* plus = nullptr;
+            const double at = v ? std::strtod(v->c_str(), &plus) : -1;
+            char* end = plus;
+            const double length = plus && *plus == '+' ? std::strtod(plus + 1, &end) : -1;
+            if (!v || at < 0 || length <= 0 || *end != '\0') {
+                std::cerr << "ovalto serve: --outage takes AT+LENGTH in seconds, such as 20+1.2\n";
+                return 2;
+            }
+            outages.emplace_back(at, length);
         } else if (arg == "--port" || arg == "--window" || arg == "--host") {
             auto v = value();
             if (!v) {
@@ -93,8 +114,35 @@ int serve(const std::vector<std::string>& args) {
               << origin.baseUrl() << "\n"
               << "Master playlist: " << origin.baseUrl() << "master.m3u8\n"
               << std::flush;
+    // Outages follow the wall clock of this run on a thread of their own.
+    std::sort(outages.begin(), outages.end());
+    std::mutex mutex;
+    std::condition_variable stopping;
+    bool stopped = false;
+    std::thread faults([&] {
+        const auto started = std::chrono::steady_clock::now();
+        const auto at = [&](double seconds) {
+            return started + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                 std::chrono::duration<double>(seconds));
+        };
+        std::unique_lock lock(mutex);
+        for (const auto& [start, length] : outages) {
+            if (stopping.wait_until(lock, at(start), [&] { return stopped; })) return;
+            origin.setDown(true);
+            std::cerr << "outage for " << length << " s\n";
+            if (stopping.wait_until(lock, at(start + length), [&] { return stopped; })) return;
+            origin.setDown(false);
+            std::cerr << "outage over\n";
+        }
+    });
     int signal = 0;
     sigwait(&signals, &signal);
+    {
+        std::lock_guard lock(mutex);
+        stopped = true;
+    }
+    stopping.notify_all();
+    faults.join();
     origin.stop();
     return 0;
 }

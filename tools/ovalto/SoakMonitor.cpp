@@ -65,17 +65,21 @@ std::optional<std::string> SoakMonitor::failure() const {
     std::size_t first = 0;
     while (samples_[first].seconds < base->seconds)
         ++first;
-    // The least descriptors and threads over up to three samples from `from`.
-    const auto floor = [this](std::size_t from) {
-        std::pair<int, int> least{samples_[from].descriptors, samples_[from].threads};
-        for (std::size_t i = from; i < std::min(from + 3, samples_.size()); ++i) {
-            least.first = std::min(least.first, samples_[i].descriptors);
-            least.second = std::min(least.second, samples_[i].threads);
+    // The typical descriptors and threads of a window of samples: a connection or a worker
+    // caught in passing moves a sample, not the median of many.
+    const std::size_t window = std::max<std::size_t>(3, (samples_.size() - first) / 6);
+    const auto median = [this, window](std::size_t from) {
+        std::vector<int> descriptors, threads;
+        for (std::size_t i = from; i < std::min(from + window, samples_.size()); ++i) {
+            descriptors.push_back(samples_[i].descriptors);
+            threads.push_back(samples_[i].threads);
         }
-        return least;
+        std::sort(descriptors.begin(), descriptors.end());
+        std::sort(threads.begin(), threads.end());
+        return std::pair{descriptors[descriptors.size() / 2], threads[threads.size() / 2]};
     };
-    const auto before = floor(first);
-    const auto after = floor(std::max(first, samples_.size() >= 3 ? samples_.size() - 3 : 0));
+    const auto before = median(first);
+    const auto after = median(std::max(first, samples_.size() >= window ? samples_.size() - window : 0));
     if (after.first > before.first)
         return "open file descriptors grew from " + std::to_string(before.first) + " to " +
                std::to_string(after.first);

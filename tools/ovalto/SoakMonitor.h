@@ -31,8 +31,8 @@ public:
     // The first sample at or after the warm-up: what later ones are compared against.
     std::optional<Sample> baseline() const;
     // Why the soak failed, or nothing when the figures stayed flat. Descriptors and threads are
-    // judged on the least of three samples at the baseline and at the end, so that a connection
-    // or a worker caught in passing does not count as a leak.
+    // judged on their median over the first and the last sixth of the samples after the warm-up
+    // (three at least), so that a connection or a worker caught in passing is no leak.
     std::optional<std::string> failure() const;
 
 private:
