@@ -17,6 +17,11 @@
 extern "C" const char* __lsan_default_suppressions() {
     return "leak:libfontconfig.so\n";
 }
+// Pango loads fonts on a thread of its own; fontconfig, built without ThreadSanitizer, guards its
+// caches in ways it cannot see.
+extern "C" const char* __tsan_default_suppressions() {
+    return "race:libfontconfig.so\n";
+}
 
 namespace ovalto::test {
 namespace {
