@@ -13,7 +13,7 @@ PACKAGES=(
     ffmpeg mpv gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-libav
 )
 FUZZ_PACKAGES=(clang libclang-rt-14-dev)
-COMPARE_PACKAGES=(python3 python3-m3u8)
+COMPARE_PACKAGES=(python3 python3-m3u8 time)
 
 usage() {
     cat <<'EOF'
