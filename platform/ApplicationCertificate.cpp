@@ -1,5 +1,7 @@
 #include "platform/ApplicationCertificate.h"
 
+#include "platform/OpenSslHandles.h"
+
 #include "platform/LoadingRequest.h"
 
 #include <openssl/evp.h>
@@ -11,29 +13,17 @@ namespace ovalto::platform {
 
 namespace {
 
-struct FreeCertificate {
-    void operator()(X509* certificate) const { X509_free(certificate); }
-};
-struct FreeBio {
-    void operator()(BIO* bio) const { BIO_free(bio); }
-};
-struct FreeKeyContext {
-    void operator()(EVP_PKEY_CTX* context) const { EVP_PKEY_CTX_free(context); }
-};
-
 Error certificateError(std::string description) {
     return Error{Error::loaderDomain, loaderErrorInvalidCertificate, std::move(description), {}};
 }
 
-std::unique_ptr<X509, FreeCertificate> parse(std::string_view bytes) {
-    std::unique_ptr<BIO, FreeBio> bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
+openssl::Certificate parse(std::string_view bytes) {
+    openssl::Bio bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
     if (!bio) return nullptr;
     if (bytes.find("-----BEGIN") != std::string_view::npos)
-        return std::unique_ptr<X509, FreeCertificate>(
-            PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+        return openssl::Certificate(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
     const auto* der = reinterpret_cast<const unsigned char*>(bytes.data());
-    std::unique_ptr<X509, FreeCertificate> certificate(
-        d2i_X509(nullptr, &der, static_cast<long>(bytes.size())));
+    openssl::Certificate certificate(d2i_X509(nullptr, &der, static_cast<long>(bytes.size())));
     // Trailing bytes after the certificate mean it is something else that happens to start like one.
     if (certificate && der != reinterpret_cast<const unsigned char*>(bytes.data()) + bytes.size())
         return nullptr;
@@ -59,7 +49,7 @@ std::variant<ApplicationCertificate, Error> ApplicationCertificate::read(std::st
 
 std::variant<Data, Error> ApplicationCertificate::wrap(std::string_view secret,
                                                        std::string_view label) const {
-    std::unique_ptr<EVP_PKEY_CTX, FreeKeyContext> context(EVP_PKEY_CTX_new(publicKey_.get(), nullptr));
+    openssl::KeyContext context(EVP_PKEY_CTX_new(publicKey_.get(), nullptr));
     if (!context || EVP_PKEY_encrypt_init(context.get()) != 1 ||
         EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_OAEP_PADDING) != 1 ||
         EVP_PKEY_CTX_set_rsa_oaep_md(context.get(), EVP_sha256()) != 1) {

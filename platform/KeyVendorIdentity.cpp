@@ -1,5 +1,7 @@
 #include "platform/KeyVendorIdentity.h"
 
+#include "platform/OpenSslHandles.h"
+
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
@@ -9,17 +11,6 @@ namespace ovalto::platform {
 
 namespace {
 
-struct FreeCertificate {
-    void operator()(X509* certificate) const { X509_free(certificate); }
-};
-struct FreeBio {
-    void operator()(BIO* bio) const { BIO_free(bio); }
-};
-struct FreeKeyContext {
-    void operator()(EVP_PKEY_CTX* context) const { EVP_PKEY_CTX_free(context); }
-};
-using Bio = std::unique_ptr<BIO, FreeBio>;
-
 Data drain(BIO* bio) {
     char* bytes = nullptr;
     const long length = BIO_get_mem_data(bio, &bytes);
@@ -27,7 +18,7 @@ Data drain(BIO* bio) {
 }
 
 Data pemOf(X509* certificate) {
-    Bio bio(BIO_new(BIO_s_mem()));
+    openssl::Bio bio(BIO_new(BIO_s_mem()));
     if (!bio || PEM_write_bio_X509(bio.get(), certificate) != 1) return {};
     return drain(bio.get());
 }
@@ -36,7 +27,7 @@ Data pemOf(X509* certificate) {
 
 std::optional<KeyVendorIdentity> KeyVendorIdentity::generate(const std::string& commonName) {
     std::shared_ptr<EVP_PKEY> key(EVP_RSA_gen(2048), EVP_PKEY_free);
-    std::unique_ptr<X509, FreeCertificate> certificate(X509_new());
+    openssl::Certificate certificate(X509_new());
     if (!key || !certificate) return std::nullopt;
     X509_set_version(certificate.get(), 2);
     ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), 1);
@@ -58,7 +49,7 @@ std::optional<KeyVendorIdentity> KeyVendorIdentity::generate(const std::string& 
 
 std::variant<KeyVendorIdentity, std::string> KeyVendorIdentity::read(std::string_view privateKeyPem,
                                                                      std::string_view certificate) {
-    Bio bio(BIO_new_mem_buf(privateKeyPem.data(), static_cast<int>(privateKeyPem.size())));
+    openssl::Bio bio(BIO_new_mem_buf(privateKeyPem.data(), static_cast<int>(privateKeyPem.size())));
     std::shared_ptr<EVP_PKEY> key(
         bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr) : nullptr, EVP_PKEY_free);
     if (!key || EVP_PKEY_base_id(key.get()) != EVP_PKEY_RSA)
@@ -72,14 +63,14 @@ std::variant<KeyVendorIdentity, std::string> KeyVendorIdentity::read(std::string
     Data pem(certificate);
     if (pem.find("-----BEGIN") == Data::npos) {
         const auto* der = reinterpret_cast<const unsigned char*>(pem.data());
-        std::unique_ptr<X509, FreeCertificate> x509(d2i_X509(nullptr, &der, static_cast<long>(pem.size())));
+        openssl::Certificate x509(d2i_X509(nullptr, &der, static_cast<long>(pem.size())));
         pem = x509 ? pemOf(x509.get()) : Data();
     }
     return KeyVendorIdentity(std::move(key), std::move(applicationCertificate), std::move(pem));
 }
 
 Data KeyVendorIdentity::privateKeyPem() const {
-    Bio bio(BIO_new(BIO_s_mem()));
+    openssl::Bio bio(BIO_new(BIO_s_mem()));
     if (!bio ||
         PEM_write_bio_PrivateKey(bio.get(), privateKey_.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1)
         return {};
@@ -87,7 +78,7 @@ Data KeyVendorIdentity::privateKeyPem() const {
 }
 
 std::optional<Data> KeyVendorIdentity::unwrap(std::string_view wrapped, std::string_view label) const {
-    std::unique_ptr<EVP_PKEY_CTX, FreeKeyContext> context(EVP_PKEY_CTX_new(privateKey_.get(), nullptr));
+    openssl::KeyContext context(EVP_PKEY_CTX_new(privateKey_.get(), nullptr));
     if (!context || EVP_PKEY_decrypt_init(context.get()) != 1 ||
         EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_OAEP_PADDING) != 1 ||
         EVP_PKEY_CTX_set_rsa_oaep_md(context.get(), EVP_sha256()) != 1)

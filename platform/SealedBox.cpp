@@ -1,5 +1,7 @@
 #include "platform/SealedBox.h"
 
+#include "platform/OpenSslHandles.h"
+
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
@@ -11,11 +13,6 @@ namespace {
 
 constexpr int nonceSize = 12;
 constexpr int tagSize = 16;
-
-struct FreeCipherContext {
-    void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
-};
-using CipherContext = std::unique_ptr<EVP_CIPHER_CTX, FreeCipherContext>;
 
 const unsigned char* bytesOf(std::string_view text) {
     return reinterpret_cast<const unsigned char*>(text.data());
@@ -36,7 +33,7 @@ std::optional<Data> SealedBox::seal(std::string_view key, std::string_view addit
                                     std::string_view plaintext) {
     if (key.size() != keySize) return std::nullopt;
     auto nonce = randomBytes(nonceSize);
-    CipherContext context(EVP_CIPHER_CTX_new());
+    openssl::CipherContext context(EVP_CIPHER_CTX_new());
     if (!nonce || !context) return std::nullopt;
     Data box = *nonce;
     box.resize(nonceSize + plaintext.size() + tagSize);
@@ -60,7 +57,7 @@ std::optional<Data> SealedBox::open(std::string_view key, std::string_view addit
     const auto nonce = box.substr(0, nonceSize);
     const auto ciphertext = box.substr(nonceSize, box.size() - overhead);
     Data tag(box.substr(box.size() - tagSize));
-    CipherContext context(EVP_CIPHER_CTX_new());
+    openssl::CipherContext context(EVP_CIPHER_CTX_new());
     if (!context) return std::nullopt;
     Data plaintext(ciphertext.size(), '\0');
     int length = 0;

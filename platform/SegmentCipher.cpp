@@ -1,5 +1,7 @@
 #include "platform/SegmentCipher.h"
 
+#include "platform/OpenSslHandles.h"
+
 #include <openssl/evp.h>
 
 #include <array>
@@ -11,14 +13,10 @@ namespace {
 
 constexpr std::size_t blockSize = 16;
 
-struct FreeCipherContext {
-    void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
-};
-
 std::optional<Data> run(bool encrypting, std::string_view in, std::string_view key, std::string_view iv) {
     if (key.size() != blockSize || iv.size() != blockSize) return std::nullopt;
     if (!encrypting && (in.empty() || in.size() % blockSize != 0)) return std::nullopt;
-    std::unique_ptr<EVP_CIPHER_CTX, FreeCipherContext> context(EVP_CIPHER_CTX_new());
+    openssl::CipherContext context(EVP_CIPHER_CTX_new());
     if (!context) return std::nullopt;
     const auto* keyBytes = reinterpret_cast<const unsigned char*>(key.data());
     const auto* ivBytes = reinterpret_cast<const unsigned char*>(iv.data());

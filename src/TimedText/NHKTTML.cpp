@@ -135,15 +135,6 @@ extern "C" void onEndCdata(void* data) {
     stopWhenExhausted(c);
 }
 
-std::optional<double> parseSeconds(std::string_view text) {
-    if (text.starts_with('+') && !text.substr(1).starts_with('-')) text.remove_prefix(1);
-    if (text.empty() || text.starts_with('+')) return std::nullopt;
-    double value = 0;
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return value;
-}
-
 } // namespace
 
 void NHKTTML::Cuepoint::append(std::string_view elementName, const Attributes& attributes, bool isEnd) {
@@ -237,7 +228,7 @@ void NHKTTML::didStartElement(std::string_view elementName, const Attributes& at
         if (cuepoints) cuepoint->string = cuepoints->string;
         for (const auto& [name, value] : attributes) {
             if (name != "time") continue;
-            if (auto seconds = parseSeconds(value))
+            if (auto seconds = parseDouble(value))
                 if (auto key = timeKey(*seconds)) cuepoint->time = *key;
             break;
         }

@@ -32,16 +32,6 @@ bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
 }
 
-// A decimal number as a whole, with an optional sign ("+1.5", "-2", "1e3", "inf").
-std::optional<double> parseDouble(std::string_view text) {
-    if (text.starts_with('+') && !text.substr(1).starts_with('-')) text.remove_prefix(1);
-    if (text.empty() || text.starts_with('+')) return std::nullopt;
-    double value = 0;
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return value;
-}
-
 std::optional<std::int64_t> parseInteger(std::string_view text) {
     if (text.starts_with('+') && !text.substr(1).starts_with('-')) text.remove_prefix(1);
     if (text.empty() || text.starts_with('+')) return std::nullopt;
@@ -61,6 +51,15 @@ std::int64_t scaledSeconds(double seconds, std::int64_t scale) {
 }
 
 } // namespace
+
+std::optional<double> parseDouble(std::string_view text) {
+    if (text.starts_with('+') && !text.substr(1).starts_with('-')) text.remove_prefix(1);
+    if (text.empty() || text.starts_with('+')) return std::nullopt;
+    double value = 0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return value;
+}
 
 std::int64_t toSeconds(std::string_view text, std::int64_t scale) {
     static constexpr std::array<std::int64_t, 3> multipliers{1, 60, 3600};

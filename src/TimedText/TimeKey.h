@@ -13,6 +13,10 @@ namespace ovalto {
 // overflowing.
 std::int64_t toSeconds(std::string_view text, std::int64_t scale);
 
+// A decimal number as a whole, with an optional sign ("+1.5", "-2", "1e3", "inf"); no value for
+// anything else, surrounding blanks included.
+std::optional<double> parseDouble(std::string_view text);
+
 // The time key (hundredths of a second) of a time in seconds, truncated toward zero; no value for
 // a time that is not finite or does not fit a key.
 std::optional<std::int64_t> timeKey(double seconds);

@@ -1,6 +1,8 @@
 #include "Command.h"
 
 #include <algorithm>
+#include <fstream>
+#include <sstream>
 
 namespace ovalto::tool {
 
@@ -19,6 +21,14 @@ CommandRegistrar::CommandRegistrar(Command command) {
 
 const std::vector<Command>& commands() {
     return registry();
+}
+
+std::optional<std::string> readFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) return std::nullopt;
+    std::ostringstream bytes;
+    bytes << file.rdbuf();
+    return bytes.str();
 }
 
 const Command* findCommand(const std::string& name) {

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,9 @@ struct CommandRegistrar {
 
 const std::vector<Command>& commands();
 const Command* findCommand(const std::string& name);
+
+// The whole content of the file at `path`; no value when it cannot be opened.
+std::optional<std::string> readFile(const std::string& path);
 
 // The presentation in samples/sample (or $OVALTO_SAMPLE_DIR).
 std::string builtInSampleDirectory();

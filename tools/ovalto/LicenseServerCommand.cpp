@@ -35,14 +35,6 @@ exchange on standard error.
 Stops on Ctrl-C.
 )";
 
-std::optional<std::string> readFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) return std::nullopt;
-    std::ostringstream bytes;
-    bytes << file.rdbuf();
-    return bytes.str();
-}
-
 int fail(const std::string& message) {
     std::cerr << "ovalto license-server: " << message << "\n";
     return 2;

@@ -7,22 +7,8 @@
 #include "platform/Url.h"
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 namespace ovalto::tool {
-
-namespace {
-
-std::optional<std::string> readFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) return std::nullopt;
-    std::ostringstream bytes;
-    bytes << file.rdbuf();
-    return bytes.str();
-}
-
-} // namespace
 
 ProtectedPlay::ProtectedPlay() = default;
 ProtectedPlay::~ProtectedPlay() = default;

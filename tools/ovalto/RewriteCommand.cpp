@@ -126,7 +126,7 @@ Input download(const platform::Url& url) {
     return input;
 }
 
-Input readFile(const std::string& path) {
+Input readInputFile(const std::string& path) {
     Input input;
     std::ifstream file(path, std::ios::binary);
     if (!file) {
@@ -292,7 +292,7 @@ int rewriteCommand(const std::vector<std::string>& args, std::ostream& out, std:
         }
         input = download(*url);
     } else {
-        input = readFile(*source);
+        input = readInputFile(*source);
     }
     if (!input.text) {
         err << "ovalto rewrite: " << input.error << "\n";
