@@ -1,7 +1,7 @@
 // `ovalto play` against an origin that misbehaves: the tool ends with the engine's verdict as soon
 // as the library gives it, and with --json standard output stays one JSON object per line.
 #include "Command.h"
-#include "RawOrigin.h"
+#include "support/TestOrigin.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -11,7 +11,7 @@
 
 using namespace ovalto;
 using namespace std::string_literals;
-using test::RawOrigin;
+using Fault = tool::Origin::Fault;
 
 namespace {
 
@@ -57,6 +57,13 @@ std::string head(const std::string& headers) {
     return "HTTP/1.1 200 OK\r\n" + contentType + headers + "\r\n";
 }
 
+// A whole HTTP/1.1 answer with a Content-Length; `headers` are extra lines, each ending "\r\n".
+std::string http(int status, std::string_view body, std::string_view headers = {}) {
+    return "HTTP/1.1 " + std::to_string(status) +
+           " Scripted\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + std::string(headers) +
+           "\r\n" + std::string(body);
+}
+
 TEST(PlayFaultTest, EndsWithTheEnginesErrorAsSoonAsPreparationFails) {
     const std::string media = "#EXTM3U\n#EXT-X-TARGETDURATION:4\n#EXTINF:4,\ns0.ts\n#EXT-X-ENDLIST\n";
     const struct {
@@ -66,31 +73,34 @@ TEST(PlayFaultTest, EndsWithTheEnginesErrorAsSoonAsPreparationFails) {
         bool reset = false;
         int code = 0x8201; // an asset key failed to load; 0x8202: loaded, but not playable
     } cases[] = {
-        {"master GET 503 while HEAD succeeds", RawOrigin::http(503, "busy"), ""},
+        {"master GET 503 while HEAD succeeds", http(503, "busy"), ""},
         {"master shorter than its length", head("Content-Length: 400\r\n") + master, ""},
         // The client takes headers cut short for an empty answer, which the player cannot play.
         {"connection closed mid-master", "HTTP/1.1 200 OK\r\nContent-Le", "", false, 0x8202},
         {"connection reset mid-master", head("Content-Length: 400\r\n") + master, "", true},
-        {"master with invalid UTF-8", RawOrigin::http(200, master + "#EXT-X-\xC3\x28\n", contentType), ""},
+        {"master with invalid UTF-8", http(200, master + "#EXT-X-\xC3\x28\n", contentType), ""},
         {"master with a NUL",
-         RawOrigin::http(200, "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nv/me\0dia.m3u8\n"s, contentType), ""},
-        {"master with a byte-order mark", RawOrigin::http(200, "\xEF\xBB\xBF" + master, contentType), ""},
+         http(200, "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nv/me\0dia.m3u8\n"s, contentType), ""},
+        {"master with a byte-order mark", http(200, "\xEF\xBB\xBF" + master, contentType), ""},
         {"garbage instead of HTTP", "\x16\x03\x01\x02garbage\r\n\r\n", ""},
         {"bad chunked encoding", head("Transfer-Encoding: chunked\r\n") + "zz\r\n#EXTM3U\r\n0\r\n\r\n", ""},
-        {"gzip header on plain text",
-         RawOrigin::http(200, master, contentType + "Content-Encoding: gzip\r\n"), ""},
-        {"media playlist 404", RawOrigin::http(200, master, contentType), RawOrigin::http(404, "")},
-        {"media playlist 500", RawOrigin::http(200, master, contentType), RawOrigin::http(500, "")},
-        {"media playlist truncated", RawOrigin::http(200, master, contentType),
-         head("Content-Length: 400\r\n") + media},
-        {"media playlist redirecting to itself", RawOrigin::http(200, master, contentType),
-         RawOrigin::http(302, "", "Location: /v/media.m3u8\r\n")},
+        {"gzip header on plain text", http(200, master, contentType + "Content-Encoding: gzip\r\n"), ""},
+        {"media playlist 404", http(200, master, contentType), http(404, "")},
+        {"media playlist 500", http(200, master, contentType), http(500, "")},
+        {"media playlist truncated", http(200, master, contentType), head("Content-Length: 400\r\n") + media},
+        {"media playlist redirecting to itself", http(200, master, contentType),
+         http(302, "", "Location: /v/media.m3u8\r\n")},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        RawOrigin origin;
-        origin.answer("GET", "/master.m3u8", {c.masterAnswer, c.reset});
-        if (!c.mediaAnswer.empty()) origin.answer("GET", "/v/media.m3u8", {c.mediaAnswer});
+        // HEAD finds a playlist; GET gets the scripted bytes.
+        test::TestOrigin origin;
+        origin.serve("/master.m3u8", master);
+        origin.serve("/v/media.m3u8", media);
+        origin.script("/master.m3u8", {{.fault = c.reset ? Fault::reset : Fault::raw, .raw = c.masterAnswer}},
+                      "GET");
+        if (!c.mediaAnswer.empty())
+            origin.script("/v/media.m3u8", {{.fault = Fault::raw, .raw = c.mediaAnswer}}, "GET");
 
         const auto run = playJson(origin.url("/master.m3u8"));
         EXPECT_EQ(run.status, 1) << run.err;
@@ -103,11 +113,11 @@ TEST(PlayFaultTest, EndsWithTheEnginesErrorAsSoonAsPreparationFails) {
 }
 
 TEST(PlayFaultTest, WithJsonTheLibrarysPrintsGoToStandardError) {
-    RawOrigin origin;
+    test::TestOrigin origin;
     // A refused probe is printed by the library; the content then counts as not HLS and the
     // player itself meets the failing origin.
-    origin.answer("HEAD", "/master.m3u8", {RawOrigin::http(405, "")});
-    origin.answer("GET", "/master.m3u8", {RawOrigin::http(503, "")});
+    origin.script("/master.m3u8", {{405}}, "HEAD");
+    origin.script("/master.m3u8", {{503}}, "GET");
     const auto run = playJson(origin.url("/master.m3u8"));
     EXPECT_EQ(run.status, 1);
     EXPECT_TRUE(run.notJson.empty()) << run.notJson.front();

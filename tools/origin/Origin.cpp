@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <strings.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -74,20 +75,31 @@ int portOf(const sockaddr_storage& address) {
 }
 
 // cpp-httplib cannot abandon a request without answering it, so the connection's socket is found
-// by its two ports and shut down; the reply httplib then writes goes nowhere.
-void dropConnection(const httplib::Request& request) {
+// by its two ports, sent `raw` and closed (reset when asked) by putting an unconnected socket in
+// its place: httplib's own reply then goes nowhere, and its close closes the stand-in.
+void endConnection(const httplib::Request& request, const std::string& raw, bool reset) {
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
         const int fd = std::atoi(entry.path().filename().c_str());
         sockaddr_storage local{}, peer{};
         socklen_t localLength = sizeof(local), peerLength = sizeof(peer);
         if (::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localLength) != 0 ||
-            ::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerLength) != 0)
+            ::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerLength) != 0 ||
+            portOf(local) != request.local_port || portOf(peer) != request.remote_port)
             continue;
-        if (portOf(local) == request.local_port && portOf(peer) == request.remote_port) {
-            ::shutdown(fd, SHUT_RDWR);
-            return;
+        for (std::size_t sent = 0; sent < raw.size();) {
+            const auto put = ::send(fd, raw.data() + sent, raw.size() - sent, MSG_NOSIGNAL);
+            if (put <= 0) break;
+            sent += static_cast<std::size_t>(put);
         }
+        if (reset) {
+            const linger abort{1, 0};
+            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+        }
+        const int standIn = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (standIn < 0 || ::dup2(standIn, fd) < 0) ::shutdown(fd, SHUT_RDWR);
+        if (standIn >= 0) ::close(standIn);
+        return;
     }
 }
 
@@ -107,8 +119,11 @@ struct Origin::Impl {
         std::optional<std::string> body; // none: only scripted replies
         std::function<std::string()> make;
         std::string contentType;
-        std::vector<Reply> replies;
-        std::size_t answered = 0; // requests that took a scripted reply
+        struct Script {
+            std::vector<Reply> replies;
+            std::size_t answered = 0; // requests that took a reply of it
+        };
+        std::map<std::string, Script> scripts; // by method; "" for any
         std::chrono::milliseconds throttle{0};
     };
 
@@ -200,18 +215,25 @@ struct Origin::Impl {
         Reply reply;
         std::optional<std::pair<std::string, std::string>> content;
         std::chrono::milliseconds throttle{0};
+        bool ends = false; // the connection ends without an HTTP answer of ours
         {
             std::unique_lock lock(mutex);
             if (down) reply.fault = Fault::drop;
             auto route = routes.find(request.path);
-            if (!down && route != routes.end() && !route->second.replies.empty()) {
-                auto& replies = route->second.replies;
-                reply = replies[std::min(route->second.answered++, replies.size() - 1)];
+            if (!down && route != routes.end()) {
+                auto& scripts = route->second.scripts;
+                auto script = scripts.find(request.method);
+                if (script == scripts.end()) script = scripts.find("");
+                if (script != scripts.end() && !script->second.replies.empty()) {
+                    const auto& replies = script->second.replies;
+                    reply = replies[std::min(script->second.answered++, replies.size() - 1)];
+                }
             }
             if (route != routes.end()) throttle = route->second.throttle;
-            if (reply.fault != Fault::drop && request.method != "POST") content = find(request.path);
+            ends = reply.fault == Fault::drop || reply.fault == Fault::raw || reply.fault == Fault::reset;
+            if (!ends && request.method != "POST") content = find(request.path);
             if (!content && reply.status >= 200 && reply.status < 300) reply.status = 404;
-            exchange.status = reply.fault == Fault::drop ? 0 : reply.status;
+            exchange.status = ends ? 0 : reply.status;
             if (reply.status >= 200 && reply.status < 300 && content) {
                 exchange.bytes = content->first.size();
                 if (exchange.range) {
@@ -227,8 +249,8 @@ struct Origin::Impl {
             options.onRequest(request.method, request.path, exchange.status, exchange.bytes);
         if (options.closeConnections) response.set_header("Connection", "close");
 
-        if (reply.fault == Fault::drop) {
-            dropConnection(request);
+        if (ends) {
+            endConnection(request, reply.raw, reply.fault == Fault::reset);
             response.status = 500;
             return;
         }
@@ -352,11 +374,9 @@ std::optional<std::string> Origin::body(const std::string& path) const {
     return std::move(found->first);
 }
 
-void Origin::script(const std::string& path, std::vector<Reply> replies) {
+void Origin::script(const std::string& path, std::vector<Reply> replies, const std::string& method) {
     std::lock_guard lock(impl_->mutex);
-    auto& route = impl_->routes[path];
-    route.replies = std::move(replies);
-    route.answered = 0;
+    impl_->routes[path].scripts[method] = {std::move(replies), 0};
 }
 
 void Origin::throttle(const std::string& path, std::chrono::milliseconds duration) {

@@ -21,19 +21,23 @@ namespace ovalto::tool {
 // live origin does.
 //
 // It misbehaves on demand: a script of replies per path (statuses, delays, dropped connections,
-// truncated bodies), slow answers, and outages during which every connection is dropped. Every
-// request is logged with its headers and what it was answered.
+// truncated bodies, raw bytes that no HTTP server library would send), slow answers, and outages
+// during which every connection is dropped. Every request is logged with its headers and what it
+// was answered.
 class Origin {
 public:
     enum class Fault {
         none,
         drop,     // the connection is closed without any answer
         truncate, // headers announce the whole body, half of it is sent, then the connection closes
+        raw,      // `raw` is sent as the whole answer (HTTP or not), then the connection closes
+        reset,    // `raw` is sent, then the connection is reset instead of closed
     };
     struct Reply {
         int status = 200;
         std::chrono::milliseconds delay{0};
         Fault fault = Fault::none;
+        std::string raw = {};
     };
     // One request and how it was answered.
     struct Exchange {
@@ -92,8 +96,10 @@ public:
     // The body `path` would be answered with now.
     std::optional<std::string> body(const std::string& path) const;
 
-    // Replies for the next requests of `path`, in order; the last one repeats. Clears earlier ones.
-    void script(const std::string& path, std::vector<Reply> replies);
+    // Replies for the next requests of `path`, in order; the last one repeats. Clears earlier ones
+    // for the same `method`; with a method, only its requests take them (e.g. a GET that fails
+    // while HEAD succeeds), and its script comes before one for any method.
+    void script(const std::string& path, std::vector<Reply> replies, const std::string& method = {});
     // The answer to `path` takes about `duration` to send.
     void throttle(const std::string& path, std::chrono::milliseconds duration);
     // While down, every connection is dropped without an answer (and still logged).
