@@ -132,7 +132,7 @@ TEST_F(AssetTest, CompletionRunsOnceForEveryCallerAndUnknownKeysFail) {
     ASSERT_TRUE(waitUntil([&] { return calls == 3; }));
     twice->loadValuesAsynchronously({Asset::playableKey}, [&] { ++calls; }); // already loaded
     ASSERT_TRUE(waitUntil([&] { return calls == 4; }));
-    EXPECT_EQ(origin->served().size(), 1u); // loaded once
+    EXPECT_EQ(origin->requests().size(), 1u); // loaded once
     EXPECT_EQ(twice->statusOfValue("duration").status, KeyValueStatus::failed);
 }
 
@@ -143,7 +143,7 @@ TEST_F(AssetTest, TheAssetsCookiesGoWithEveryRequestOfItsPlayer) {
     Playback playback(PlayerItem::create(asset("/cookies/media.m3u8", false, {std::vector<Cookie>{*cookie}})),
                       settings, 8);
     ASSERT_TRUE(playback.playToEnd());
-    const auto served = origin->served();
+    const auto served = origin->requests();
     ASSERT_EQ(served.size(), 3u);
     for (const auto& request : served) {
         ASSERT_TRUE(request.cookie) << request.path;

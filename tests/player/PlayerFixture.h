@@ -125,14 +125,11 @@ public:
         : origin_(std::move(origin)) {}
 
     bool shouldWaitForLoadingOfRequestedResource(
-        platform::AssetResourceLoader& loader,
-        const std::shared_ptr<platform::LoadingRequest>& request) override {
+        platform::AssetResourceLoader&, const std::shared_ptr<platform::LoadingRequest>& request) override {
         const platform::Url url = request->request().url;
         const std::string text = url.absoluteString();
         std::lock_guard lock(mutex_);
         requests_.push_back(text);
-        const auto queue = loader.delegateQueue();
-        onDelegateQueue_ = onDelegateQueue_ && queue && queue->isCurrent();
         if (error_ && text.ends_with(errorSuffix_)) {
             platform::DispatchQueue::global()->async(
                 [request, error = *error_] { request->finishLoading(error); });
@@ -159,10 +156,6 @@ public:
     std::vector<std::string> requests() const {
         std::lock_guard lock(mutex_);
         return requests_;
-    }
-    bool calledOnDelegateQueue() const {
-        std::lock_guard lock(mutex_);
-        return onDelegateQueue_;
     }
 
 private:
@@ -191,7 +184,6 @@ private:
     const std::shared_ptr<const HlsOrigin> origin_;
     mutable std::mutex mutex_;
     std::vector<std::string> requests_;
-    bool onDelegateQueue_ = true;
     std::string errorSuffix_;
     std::optional<platform::Error> error_;
     std::string silentSuffix_;
@@ -249,14 +241,14 @@ struct PlayerTest : ::testing::Test {
     }
 
     // Media requests the origin answered, in order.
-    std::vector<HlsOrigin::Served> media() const {
-        auto served = origin->served();
-        std::erase_if(served, [](const HlsOrigin::Served& s) { return !HlsOrigin::isMedia(s.path); });
+    std::vector<HlsOrigin::Exchange> media() const {
+        auto served = origin->requests();
+        std::erase_if(served, [](const HlsOrigin::Exchange& s) { return !HlsOrigin::isMedia(s.path); });
         return served;
     }
     std::size_t servedCount(const std::string& text) const {
-        const auto all = origin->served();
-        return std::count_if(all.begin(), all.end(), [&](const HlsOrigin::Served& s) {
+        const auto all = origin->requests();
+        return std::count_if(all.begin(), all.end(), [&](const HlsOrigin::Exchange& s) {
             return s.path.find(text) != std::string::npos;
         });
     }

@@ -15,8 +15,6 @@ namespace ovalto::test {
 // without waiting for the player's idle connections.
 class HlsOrigin : public tool::Origin {
 public:
-    using Served = Exchange;
-
     // A VOD presentation published under /<name>/ with its master at /<name>/master.m3u8:
     // video/<bandwidth>/media.m3u8 with init.mp4 and seg<i>.m4s (the last variant takes its
     // segments as byte ranges of one main.mp4 when `byteRanges`), audio/<i>/media.m3u8 likewise.
@@ -40,8 +38,6 @@ public:
     // A media playlist at /<name>/media.m3u8 of `segments` segments, without renditions.
     void publishMedia(const std::string& name, int segments, double segmentDuration,
                       std::size_t segmentBytes);
-    // Every request so far, in order.
-    std::vector<Served> served() const { return requests(); }
     // Segments and initialisation sections (not playlists or keys).
     static bool isMedia(std::string_view path);
 

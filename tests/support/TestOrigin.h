@@ -10,8 +10,6 @@ namespace ovalto::test {
 // are playlists unless told otherwise.
 class TestOrigin : public tool::Origin {
 public:
-    using Request = Exchange;
-
     TestOrigin();
 
     void serve(const std::string& path, std::string body,
