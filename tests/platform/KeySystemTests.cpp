@@ -41,6 +41,20 @@ Data transportStream(std::size_t packets) {
     return segment;
 }
 
+// With `code` 0 the key must come out equal to `expected`; otherwise it fails with `code`.
+void expectKey(const std::variant<ContentKey, Error>& key, std::int64_t code,
+               const ContentKey& expected = demo) {
+    if (code != 0) {
+        ASSERT_TRUE(std::holds_alternative<Error>(key));
+        EXPECT_EQ(std::get<Error>(key).code, code);
+        return;
+    }
+    ASSERT_TRUE(std::holds_alternative<ContentKey>(key)) << std::get<Error>(key).localizedDescription;
+    EXPECT_EQ(std::get<ContentKey>(key).key, expected.key);
+    EXPECT_EQ(std::get<ContentKey>(key).iv, expected.iv);
+    EXPECT_EQ(std::get<ContentKey>(key).expiry, expected.expiry);
+}
+
 TEST(KeySystem, CertificatesThatAreNotOneAreRefused) {
     const Data pem = server().certificatePem();
     for (const Data& bytes : {Data(), Data("not a certificate"), pem.substr(0, pem.size() / 2),
@@ -118,15 +132,7 @@ TEST(KeySystem, AnAnswerGivesItsKeyOnlyToTheRequestItAnswers) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
-        auto key = ContentKey::fromKeyAnswer(row.answer, std::nullopt, made.session, "abc123");
-        if (row.code == 0) {
-            ASSERT_TRUE(std::holds_alternative<ContentKey>(key)) << std::get<Error>(key).localizedDescription;
-            EXPECT_EQ(std::get<ContentKey>(key).key, demo.key);
-            EXPECT_EQ(std::get<ContentKey>(key).iv, demo.iv);
-        } else {
-            ASSERT_TRUE(std::holds_alternative<Error>(key));
-            EXPECT_EQ(std::get<Error>(key).code, row.code);
-        }
+        expectKey(ContentKey::fromKeyAnswer(row.answer, std::nullopt, made.session, "abc123"), row.code);
     }
     // Without the request that was made, an answer is nothing.
     EXPECT_TRUE(
@@ -164,16 +170,9 @@ TEST(KeySystem, PersistableKeysKeepAssetAndExpiryAndRefuseChanges) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
-        auto key = ContentKey::fromKeyAnswer(row.stored, streamingKeyDeliveryPersistentContentKeyType,
-                                             std::nullopt, row.asset);
-        if (row.code == 0) {
-            ASSERT_TRUE(std::holds_alternative<ContentKey>(key)) << std::get<Error>(key).localizedDescription;
-            EXPECT_EQ(std::get<ContentKey>(key).key, demo.key);
-            EXPECT_EQ(std::get<ContentKey>(key).expiry, expiring.expiry);
-        } else {
-            ASSERT_TRUE(std::holds_alternative<Error>(key));
-            EXPECT_EQ(std::get<Error>(key).code, row.code);
-        }
+        expectKey(ContentKey::fromKeyAnswer(row.stored, streamingKeyDeliveryPersistentContentKeyType,
+                                            std::nullopt, row.asset),
+                  row.code, expiring);
     }
 }
 

@@ -95,6 +95,9 @@ TEST_F(KeyValueStoreTest, CreatesMissingDirectoriesAndReportsAnUnusablePath) {
 
 TEST(KeyValueStorePath, FollowsTheEnvironment) {
     const char* names[] = {"OVALTO_DEFAULTS_PATH", "XDG_DATA_HOME", "HOME"};
+    std::optional<std::string> saved[3];
+    for (int i = 0; i < 3; ++i)
+        if (const char* value = std::getenv(names[i])) saved[i] = value;
     const struct {
         const char* values[3];
         std::string expected;
@@ -105,29 +108,20 @@ TEST(KeyValueStorePath, FollowsTheEnvironment) {
         {{nullptr, nullptr, "/home/u"}, "/home/u/.local/share/ovalto/defaults.sqlite3"},
         {{nullptr, "relative", "/home/u"}, "/home/u/.local/share/ovalto/defaults.sqlite3"},
     };
-    const auto set = [&](const auto& values) {
-        for (int i = 0; i < 3; ++i)
-            values[i] ? setenv(names[i], values[i], 1) : unsetenv(names[i]);
-    };
-    std::optional<std::string> saved[3];
-    for (int i = 0; i < 3; ++i) {
-        if (const char* value = std::getenv(names[i])) saved[i] = value;
-    }
     for (const auto& c : cases) {
-        set(c.values);
+        for (int i = 0; i < 3; ++i)
+            c.values[i] ? setenv(names[i], c.values[i], 1) : unsetenv(names[i]);
         EXPECT_EQ(KeyValueStore::standardPath(), c.expected);
     }
-    const char* restored[3];
     for (int i = 0; i < 3; ++i)
-        restored[i] = saved[i] ? saved[i]->c_str() : nullptr;
-    set(restored);
+        saved[i] ? setenv(names[i], saved[i]->c_str(), 1) : unsetenv(names[i]);
 }
 
 TEST_F(KeyValueStoreTest, ConcurrentWritersFromThreadsAndConnections) {
     // Two connections to the same file, each shared by several threads.
     auto first = KeyValueStore::open(path());
     auto second = KeyValueStore::open(path());
-    constexpr int threads = 6, writesEach = 60;
+    constexpr int threads = 4, writesEach = 25;
     const auto key = [](int t, int i) { return "k" + std::to_string(t) + "-" + std::to_string(i); };
     std::atomic<int> failures{0};
     std::vector<std::thread> writers;

@@ -23,48 +23,35 @@ struct InvalidateOnExit {
     ~InvalidateOnExit() { timer->invalidate(); }
 };
 
-TEST(MainQueue, RunsBlocksOnlyWhileTheRunLoopRuns) {
-    std::atomic<bool> ran{false};
-    std::thread::id ranOn;
-    bool wasCurrent = false;
-    std::thread([&] {
-        DispatchQueue::main()->async([&] {
-            ranOn = std::this_thread::get_id();
-            wasCurrent = DispatchQueue::main()->isCurrent();
-            ran = true;
-        });
-    }).join();
-    // Give a wrong implementation every chance to run the block on a thread of its own.
-    std::this_thread::sleep_for(20ms);
-    EXPECT_FALSE(ran);
-    EXPECT_FALSE(DispatchQueue::main()->isCurrent());
-
-    ASSERT_TRUE(runUntil([&] { return ran.load(); }));
-    EXPECT_EQ(ranOn, std::this_thread::get_id());
-    EXPECT_TRUE(wasCurrent);
-}
-
-TEST(MainQueue, FollowsWhicheverThreadDrivesTheLoop) {
+TEST(MainQueue, RunsBlocksOnlyOnWhicheverThreadDrivesTheRunLoop) {
     for (int round = 0; round < 3; ++round) {
         std::atomic<bool> ran{false};
         std::thread::id ranOn;
-        DispatchQueue::main()->async([&] {
-            ranOn = std::this_thread::get_id();
-            ran = true;
-        });
-        std::thread::id driver;
+        bool wasCurrent = false;
+        std::thread([&] {
+            DispatchQueue::main()->async([&] {
+                ranOn = std::this_thread::get_id();
+                wasCurrent = DispatchQueue::main()->isCurrent();
+                ran = true;
+            });
+        }).join();
+        // Give a wrong implementation every chance to run the block on a thread of its own.
+        if (round == 0) std::this_thread::sleep_for(20ms);
+        EXPECT_FALSE(ran);
+        EXPECT_FALSE(DispatchQueue::main()->isCurrent());
+
+        std::thread::id driver = std::this_thread::get_id();
         if (round % 2 == 0) {
-            std::thread other([&] {
+            std::thread([&] {
                 driver = std::this_thread::get_id();
                 runUntil([&] { return ran.load(); });
-            });
-            other.join();
+            }).join();
         } else {
-            driver = std::this_thread::get_id();
             runUntil([&] { return ran.load(); });
         }
-        ASSERT_TRUE(ran);
+        ASSERT_TRUE(ran) << "round " << round;
         EXPECT_EQ(ranOn, driver) << "round " << round;
+        EXPECT_TRUE(wasCurrent);
     }
 }
 
