@@ -128,11 +128,3 @@ TEST(RewriteCommandTest, ShowsTheLibrarysWarningsBesideTheResult) {
     EXPECT_EQ(rewritten.warnings[0],
               "BANDWIDTH=fast is not a 32-bit decimal integer; the variant is keyed 1500000.");
 }
-
-TEST(RewriteCommandTest, HelpExplainsTheCommand) {
-    const auto run = rewrite({"--help"});
-    EXPECT_EQ(run.status, 0);
-    EXPECT_NE(run.out.find("usage: ovalto rewrite FILE|URL"), std::string::npos);
-    EXPECT_NE(run.out.find("--base-url URL"), std::string::npos);
-    EXPECT_NE(run.out.find("--stream S"), std::string::npos);
-}
