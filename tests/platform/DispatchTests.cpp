@@ -123,6 +123,31 @@ TEST(ThreadPool, IdleThreadsExit) {
     EXPECT_EQ(pool.threadCount(), 0u);
 }
 
+// A pool that grew in a burst shrinks back although work keeps trickling in faster than the idle
+// timeout: the trickle goes to one thread and the others time out.
+TEST(ThreadPool, BurstThreadsExitUnderATrickleOfWork) {
+    ThreadPool pool("test.pool", 100ms);
+    DispatchSemaphore release, started;
+    for (int i = 0; i < 4; ++i) {
+        pool.submit([&] {
+            started.signal();
+            release.wait();
+        });
+    }
+    for (int i = 0; i < 4; ++i)
+        ASSERT_TRUE(started.wait(hangGuard));
+    for (int i = 0; i < 4; ++i)
+        release.signal();
+    const auto deadline = std::chrono::steady_clock::now() + hangGuard;
+    DispatchSemaphore ran;
+    while (pool.threadCount() > 1 && std::chrono::steady_clock::now() < deadline) {
+        pool.submit([&] { ran.signal(); });
+        ASSERT_TRUE(ran.wait(hangGuard));
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_EQ(pool.threadCount(), 1u);
+}
+
 TEST(DispatchWorkItem, CancelledItemsNeverRunAndDropTheirCaptures) {
     auto queue = DispatchQueue::serial("test.cancel");
     auto capture = std::make_shared<int>(0);
