@@ -93,7 +93,8 @@ TEST(ServeCommandTest, ScriptedOutageDropsTheOriginAndBringsItBack) {
     std::thread server([&] {
         serving = pthread_self();
         started = true;
-        status = findCommand("serve")->run({"--port", std::to_string(port), "--quiet", "--outage", "0.2+1.5"});
+        status =
+            findCommand("serve")->run({"--port", std::to_string(port), "--quiet", "--outage", "0.2+1.5"});
     });
     while (!started)
         std::this_thread::yield();
