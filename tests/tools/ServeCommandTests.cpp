@@ -1,6 +1,7 @@
 // `ovalto serve` and `ovalto soak` as a user runs them: bad arguments get exit status 2 and a
 // reason, and a scripted outage takes the origin away and brings it back.
 #include "Command.h"
+#include "Origin.h"
 
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -121,4 +122,21 @@ TEST(ServeCommandTest, ScriptedOutageDropsTheOriginAndBringsItBack) {
     const std::string err = streams.err();
     EXPECT_NE(err.find("outage for 1.5 s"), std::string::npos) << err;
     EXPECT_LT(err.find("outage for"), err.find("outage over")) << err;
+}
+
+TEST(ServeCommandTest, ATakenPortIsRefusedNotShared) {
+    const int port = freePort();
+    ovalto::tool::Origin::Options options;
+    options.port = port;
+    ovalto::tool::Origin first(options);
+    ASSERT_TRUE(first.start());
+    int status = -1;
+    CapturedStreams streams;
+    // On a thread of its own: serve blocks the stop signals of the thread it runs on.
+    std::thread([&] {
+        status = findCommand("serve")->run({"--port", std::to_string(port), "--quiet"});
+    }).join();
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(streams.err().find("cannot listen on 127.0.0.1:" + std::to_string(port)), std::string::npos)
+        << streams.err();
 }
