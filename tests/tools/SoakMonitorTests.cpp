@@ -45,7 +45,7 @@ TEST(SoakMonitorTest, JudgesGrowthAfterTheWarmUp) {
             int descriptors = 0, threads = 0;
             ASSERT_EQ(std::sscanf(sample.c_str(), "%lf:%lf:%d:%d", &seconds, &rss, &descriptors, &threads),
                       4);
-            monitor.add({seconds, static_cast<std::int64_t>(rss * MB), descriptors, threads, 0, 0});
+            monitor.add({seconds, static_cast<std::int64_t>(rss * MB), descriptors, threads, 0, 0, {}});
         }
         const auto failure = monitor.failure();
         if (!row.failure) {
@@ -66,4 +66,5 @@ TEST(SoakMonitorTest, MeasuresThisProcess) {
     EXPECT_GT(before.rssBytes, 0);
     EXPECT_GE(before.threads, 1);
     EXPECT_EQ(after.descriptors, before.descriptors + 1);
+    EXPECT_NE(before.threadNames.find(" test_tools"), std::string::npos) << before.threadNames;
 }
