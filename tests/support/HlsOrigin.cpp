@@ -27,14 +27,12 @@ std::string decimal(double value) {
 
 } // namespace
 
-tool::Origin::Options HlsOrigin::loopback() {
-    Options options;
-    options.closeConnections = true;
-    return options;
-}
-
 HlsOrigin::HlsOrigin()
-    : Origin(loopback()) {
+    : Origin([] {
+        Options options;
+        options.closeConnections = true;
+        return options;
+    }()) {
     if (!start()) throw std::runtime_error("cannot bind a loopback port");
 }
 

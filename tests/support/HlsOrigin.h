@@ -42,7 +42,6 @@ public:
     static bool isMedia(std::string_view path);
 
 private:
-    static Options loopback();
     const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
 };
 

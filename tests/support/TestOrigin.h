@@ -2,6 +2,7 @@
 
 #include "Origin.h"
 
+#include <stdexcept>
 #include <string>
 
 namespace ovalto::test {
@@ -10,7 +11,10 @@ namespace ovalto::test {
 // are playlists unless told otherwise.
 class TestOrigin : public tool::Origin {
 public:
-    TestOrigin();
+    TestOrigin()
+        : Origin(Options{}) {
+        if (!start()) throw std::runtime_error("cannot bind a loopback port");
+    }
 
     void serve(const std::string& path, std::string body,
                std::string contentType = "application/vnd.apple.mpegurl") {
