@@ -169,7 +169,7 @@ TEST(SubUrl, ResolvesPlaylistUris) {
         {"http://h/a/b/index.m3u8?t=1", "\"seg1.ts\"", "http://h/a/b/seg1.ts"},
         {"http://h/a/b.m3u8", "/x/y.m3u8", "http://h/x/y.m3u8"},
         {"http://h/a/b.m3u8", "https://o/z.ts", "https://o/z.ts"},
-        {"http://h/a/b.m3u8", "\"\"https://o/z.ts\"", "https://o/z.ts"},
+        {"http://h/a/b.m3u8", "\"\"http://o/z.ts\"", "http://o/z.ts"},
         {"http://h/a/b.m3u8", "1/800000/media.m3u8", "http://h/a/1/800000/media.m3u8"},
         {"http://h/a/b.m3u8?k=v", "/x.ts?s=1", "http://h/x.ts?s=1"},
         // Every occurrence is replaced, a directory of the same name too.
