@@ -340,6 +340,14 @@ TEST(QOEFacade, TheFacadeReachesItsManagerOnlyWhenItHasOne) {
     facade->prepare(*platform::Url::parse("http://127.0.0.1:1/master.m3u8"));
     EXPECT_EQ(first->qoe->configurations.load(), 0);
     EXPECT_EQ(second->qoe->configurations.load(), 1);
+
+    // The plug-in's pre-alert shows the overlay.
+    nivora::QOEViewInfo style;
+    style.position = "MIDDLE";
+    second->qoe->preAlert({"unstable", "", ""}, style);
+    drainMainQueue();
+    EXPECT_FALSE(root->subviews()[0]->isHidden());
+    EXPECT_TRUE(log.contains("unstable"));
     facade.reset();
 }
 
