@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 using namespace ovalto;
 
 namespace {
@@ -303,33 +305,15 @@ TEST_F(MediaPlayListTest, RefusesWhatIsNotAPlaylistAndLeavesTheRepresentationAlo
 // as the general reader reads it, and what it does not take must still reach the general one.
 TEST(PlayListText, NumberShortcutsAgreeWithTheGeneralReaders) {
     using namespace playlisttext;
-    for (const std::string_view text : {"0",
-                                        "6",
-                                        "6.",
-                                        "6.006",
-                                        "6.0069",
-                                        "0006.0060",
-                                        "10.5",
-                                        ".5",
-                                        "+.5",
-                                        "-1.5",
-                                        "1e3",
-                                        "1.5E-1",
-                                        "",
-                                        ".",
-                                        "6.0.0",
-                                        "6,",
-                                        " 6",
-                                        "12345678901234.5",
-                                        "123456789012345",
-                                        "123456789012345.5",
-                                        "9223372036854775.807",
-                                        "9223372036854775.808",
-                                        "999999999",
-                                        "4294967296",
-                                        "-0",
-                                        "+7",
-                                        "0x10"}) {
+    // Space-separated, then the texts that hold a blank or nothing.
+    std::istringstream words(
+        "0 6 6. 6.006 6.0069 0006.0060 10.5 .5 +.5 -1.5 1e3 1.5E-1 . 6.0.0 6, -0 +7 0x10 "
+        "12345678901234.5 123456789012345 123456789012345.5 9223372036854775.807 "
+        "9223372036854775.808 999999999 4294967296");
+    std::vector<std::string> texts{"", " 6"};
+    for (std::string word; words >> word;)
+        texts.push_back(word);
+    for (const std::string_view text : texts) {
         SCOPED_TRACE(text);
         EXPECT_EQ(parseMilliseconds(text), parseMillisecondsInGeneral(text));
         EXPECT_EQ(parseInteger<std::int64_t>(text), parseIntegerInGeneral<std::int64_t>(text));
