@@ -55,16 +55,24 @@ public:
         routes(server_);
         port_ = server_.bind_to_any_port("127.0.0.1");
         ::listen(listening, SOMAXCONN); // as the bridge does
-        thread_ = std::thread([this] { server_.listen_after_bind(); });
+        thread_ = std::thread([this] {
+            server_.listen_after_bind();
+            listening_ = false;
+        });
     }
     ~Server() {
-        server_.stop();
+        // stop() is a no-op until the thread accepts, as in the bridge.
+        while (listening_) {
+            server_.stop();
+            if (listening_) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
         thread_.join();
     }
     std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
 private:
     httplib::Server server_;
+    std::atomic<bool> listening_{true};
     int port_ = 0;
     std::thread thread_;
 };

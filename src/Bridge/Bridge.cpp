@@ -14,6 +14,7 @@
 #include <strings.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdio>
 #include <list>
@@ -93,6 +94,7 @@ struct Bridge::Impl {
     Options options;
     httplib::Server server;
     std::thread thread;
+    std::atomic<bool> listening{false}; // until the server's thread has left its accept loop
     int port = 0;
     Observer observer;
 
@@ -351,7 +353,11 @@ std::optional<platform::Error> Bridge::start() {
         std::lock_guard lock(impl.mutex);
         impl.stopping = false;
     }
-    impl.thread = std::thread([self] { self->server.listen_after_bind(); });
+    impl.listening = true;
+    impl.thread = std::thread([self] {
+        self->server.listen_after_bind();
+        self->listening = false;
+    });
     return std::nullopt;
 }
 
@@ -367,7 +373,12 @@ void Bridge::stop() {
             wait->changed.notify_one();
         }
     }
-    impl.server.stop();
+    // httplib's stop() does nothing until the listening thread has begun to accept: a bridge
+    // stopped right after start() would otherwise wait in accept() for ever.
+    while (impl.listening) {
+        impl.server.stop();
+        if (impl.listening) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     impl.thread.join();
 }
 

@@ -288,6 +288,12 @@ TEST(BridgeListenTest, LoopbackOnlyAndNoMasterBeforePreparation) {
     ASSERT_TRUE(res);
     EXPECT_EQ(res->status, 503);
 
+    // Stopped before its thread has begun to accept, a bridge still stops.
+    for (int i = 0; i < 20; ++i) {
+        Bridge brief(facade);
+        ASSERT_FALSE(brief.start());
+    }
+
     // A port already taken is an error value, not an exception.
     Bridge::Options taken;
     taken.port = bridge.port();
