@@ -66,16 +66,27 @@ ThreadPool::~ThreadPool() {
 
 void ThreadPool::submit(std::function<void()> block) {
     if (!block) return;
-    std::lock_guard lock(state_->mutex);
-    state_->blocks.push_back(std::move(block));
-    if (state_->idle > 0) state_->wake.notify_one();
-    // Threads that are not idle may be blocked for a long time: never let work wait on them.
-    if (state_->blocks.size() <= state_->idle || state_->threads >= maxThreads) return;
+    bool wakeIdle = false;
+    bool startThread = false;
+    {
+        std::lock_guard lock(state_->mutex);
+        state_->blocks.push_back(std::move(block));
+        wakeIdle = state_->idle > 0;
+        // Threads that are not idle may be blocked for a long time: never let work wait on them.
+        startThread = state_->blocks.size() > state_->idle && state_->threads < maxThreads;
+        if (startThread) ++state_->threads;
+    }
+    // Woken once the lock is free, so that the idle thread does not wake only to wait for it.
+    if (wakeIdle) state_->wake.notify_one();
+    if (!startThread) return;
     try {
         std::thread([state = state_] { workerLoop(state); }).detach();
-        ++state_->threads;
     } catch (const std::system_error& error) {
         // The blocks wait for a running thread instead.
+        {
+            std::lock_guard lock(state_->mutex);
+            --state_->threads;
+        }
         SystemLog::write("ThreadPool " + state_->threadName + ": cannot start a thread: " + error.what());
     }
 }
