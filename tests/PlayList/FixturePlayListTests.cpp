@@ -113,9 +113,9 @@ TEST_F(PlayListFixtureTest, MediaSegmentsResolveAndKeepTheirByteRanges) {
         EXPECT_EQ(url(fragment->url.get()), "https://media.example.com/content/show/v1/main.mp4");
     EXPECT_EQ(url(representation.initialURL.get()), "https://media.example.com/content/show/v1/main.mp4");
     EXPECT_EQ(representation.mapAttributes.get().value("BYTERANGE"), "\"1118@0\"");
-    EXPECT_EQ(fragments[1]->length, 1021346);
-    EXPECT_FALSE(fragments[1]->offset);
-    EXPECT_EQ(fragments[3]->duration->value, 9999);
+    EXPECT_EQ(fragments[1]->length(), 1021346);
+    EXPECT_FALSE(fragments[1]->offset());
+    EXPECT_EQ(fragments[3]->duration()->value, 9999);
 
     Representation live;
     ASSERT_TRUE(rewriteMedia(read(directory / "media_live_ts_aes.m3u8"), live));
