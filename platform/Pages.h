@@ -11,8 +11,13 @@ namespace ovalto::platform {
 class Pages {
 public:
     // Makes the writable pages of [begin, begin + size) present, as writing to each would; they
-    // must belong to one writable allocation. Only a hint: without kernel support it does nothing.
+    // must belong to one writable allocation. Only a hint: without kernel support, or for a range
+    // of a few pages, it does nothing.
     static void populate(void* begin, std::size_t size);
+    // Asks for huge pages (2 MB, one fault each) in the part of [begin, begin + size) that holds
+    // whole ones: for a block that will be filled nearly to its end, since a huge page that is
+    // touched is all resident.
+    static void preferHuge(void* begin, std::size_t size);
 };
 
 } // namespace ovalto::platform

@@ -21,7 +21,7 @@ namespace ovalto {
 // that any thread may read (whole milliseconds, as the parser makes them; other times are kept
 // exactly on the side); the fields later requests write (the index, a listener's replacement
 // URL, the QoE attributes) are guarded, and those most fragments never get take one word.
-class Fragment : public Container {
+class Fragment final : public Container {
 public:
     Fragment() = default;
     // The URL is resolved from `source` when it is read (see FragmentUrl).
@@ -52,7 +52,14 @@ public:
         }
     }
 
-    Guarded<std::optional<std::int64_t>> index;
+    // The compact fields below fill the padding at its end.
+    [[no_unique_address]] Guarded<std::optional<std::int64_t>> index;
+
+private:
+    std::uint8_t present_ = 0;
+    std::int32_t duration_ = 0;
+
+public:
     FragmentUrl url;
     // Filled by the redirect resource: "StreamIndex", "MediaType", "FragmentIndex", "Bitrate".
     GuardedBox<std::map<std::string, std::string>> attributes;
@@ -102,8 +109,6 @@ private:
     std::int64_t start_ = 0;
     std::int64_t offset_ = 0;
     std::int64_t length_ = 0;
-    std::int32_t duration_ = 0;
-    std::uint8_t present_ = 0;
     std::unique_ptr<const Exact> exact_; // times of another form, rare
 };
 

@@ -139,14 +139,15 @@ struct Draft {
 // The fragments of one parse, built in place: a fragment kept elsewhere keeps its store alive,
 // and no fragment is moved once made. Storage comes in chunks sized from the playlist's length,
 // so a long playlist takes one or two allocations; slots are raw memory until a fragment is made
-// in them, so an estimate that is too high costs address space, not pages, and the pages ahead
-// of the last slot are made present a run at a time (see platform::Pages). The store also holds
+// in them, so an estimate that is too high costs address space, not pages (at most the rest of
+// one huge page: a long playlist's chunks are filled through huge pages, and the pages ahead of
+// the last slot are made present a run at a time, see platform::Pages). The store also holds
 // the segment URIs as the playlist wrote them and the playlist's resolver, from which each
 // fragment makes its URL when it is read.
 class FragmentStore {
 public:
     FragmentStore(std::size_t expected, const platform::Url& baseUrl)
-        : chunkSize_(std::clamp<std::size_t>(expected, 16, 16384))
+        : chunkSize_(std::clamp<std::size_t>(expected, 16, 65536))
         , resolver_(baseUrl) {}
     FragmentStore(const FragmentStore&) = delete;
     FragmentStore& operator=(const FragmentStore&) = delete;
@@ -176,6 +177,7 @@ public:
         if (chunks_.empty() || chunks_.back().used == chunks_.back().capacity) {
             chunks_.reserve(chunks_.size() + 1); // so that the push below cannot throw
             chunks_.push_back({std::allocator<Fragment>().allocate(chunkSize_), chunkSize_, 0});
+            platform::Pages::preferHuge(chunks_.back().slots, chunkSize_ * sizeof(Fragment));
         }
         Chunk& chunk = chunks_.back();
         if (chunk.used == chunk.populated) {

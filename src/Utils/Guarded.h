@@ -105,9 +105,10 @@ private:
         value_ = value.value_or(I{});
     }
 
+    // The value first: the two bytes after it leave padding at the end that a holder may fill.
+    I value_{};
     mutable std::atomic_flag flag_;
     bool hasValue_ = false;
-    I value_{};
 };
 
 } // namespace ovalto

@@ -10,6 +10,9 @@
 using namespace ovalto;
 using platform::MediaTime;
 
+// A long VOD holds a hundred thousand of these: the compact fields share the index's padding.
+static_assert(sizeof(Fragment) <= 88, "a fragment grew");
+
 namespace {
 
 constexpr auto int64Max = std::numeric_limits<std::int64_t>::max();
@@ -17,7 +20,7 @@ constexpr auto int64Min = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t int32Max = std::numeric_limits<std::int32_t>::max();
 
 MediaTime mediaTime(std::int64_t value, std::int32_t timescale = 1000, std::uint32_t flags = MediaTime::valid,
-               std::int64_t epoch = 0) {
+                    std::int64_t epoch = 0) {
     MediaTime t;
     t.value = value;
     t.timescale = timescale;
@@ -29,8 +32,8 @@ MediaTime mediaTime(std::int64_t value, std::int32_t timescale = 1000, std::uint
 // Field by field: MediaTime's own == compares by value across timescales.
 std::string describe(const std::optional<MediaTime>& t) {
     if (!t) return "none";
-    return std::to_string(t->value) + "/" + std::to_string(t->timescale) + " flags " + std::to_string(t->flags) +
-           " epoch " + std::to_string(t->epoch);
+    return std::to_string(t->value) + "/" + std::to_string(t->timescale) + " flags " +
+           std::to_string(t->flags) + " epoch " + std::to_string(t->epoch);
 }
 
 } // namespace
@@ -56,10 +59,10 @@ TEST(FragmentTest, GivesBackExactlyWhatItWasMadeWith) {
         {"the 64-bit ends", mediaTime(int64Max), mediaTime(1), int64Max, int64Min},
         {"the 64-bit ends the other way", mediaTime(int64Min), mediaTime(1), int64Min, int64Max},
         {"another timescale", mediaTime(540540, 90000), mediaTime(6006, 1000), std::nullopt, std::nullopt},
-        {"a rounded sum", mediaTime(18000, 1000, MediaTime::valid | MediaTime::hasBeenRounded), mediaTime(6000),
-         std::nullopt, std::nullopt},
-        {"an infinite start", mediaTime(0, 0, MediaTime::valid | MediaTime::positiveInfinity), mediaTime(6000),
-         std::nullopt, std::nullopt},
+        {"a rounded sum", mediaTime(18000, 1000, MediaTime::valid | MediaTime::hasBeenRounded),
+         mediaTime(6000), std::nullopt, std::nullopt},
+        {"an infinite start", mediaTime(0, 0, MediaTime::valid | MediaTime::positiveInfinity),
+         mediaTime(6000), std::nullopt, std::nullopt},
         {"an invalid duration", mediaTime(0), MediaTime::invalid(), std::nullopt, std::nullopt},
         {"an epoch", mediaTime(100, 1000, MediaTime::valid, 3), mediaTime(1), std::nullopt, std::nullopt},
     };
