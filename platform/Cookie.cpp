@@ -219,7 +219,7 @@ bool Cookie::matches(const Url& url) const {
         // A leading dot marks a domain cookie, which subdomains see too; otherwise the host must match.
         if (wanted.front() == '.' ? !domainMatches(host, wanted.substr(1)) : host != wanted) return false;
     }
-    if (secure && url.scheme() != "https") return false;
+    if (secure && !url.hasScheme("https")) return false;
     const std::string requestPath = url.path();
     return pathMatches(requestPath, path);
 }

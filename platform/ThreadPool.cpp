@@ -8,17 +8,30 @@
 #include <pthread.h>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 namespace ovalto::platform {
+
+namespace {
+
+// An idle worker, parked on its own condition variable so that work goes to the one that became
+// idle last. Waking the most recent one first lets the others stay idle long enough to exit; a
+// shared condition variable would hand the work round all of them, and a pool that once grew in a
+// burst would never shrink while a trickle of work arrives.
+struct IdleWorker {
+    std::condition_variable wake;
+    bool handed = false; // popped by submit(): there is a block for it
+};
+
+} // namespace
 
 struct ThreadPool::State {
     std::string threadName;
     std::chrono::steady_clock::duration idleTimeout;
     mutable std::mutex mutex;
-    std::condition_variable wake;
     std::deque<std::function<void()>> blocks;
+    std::vector<IdleWorker*> idle; // most recently idle last; entries live on the workers' stacks
     std::size_t threads = 0;
-    std::size_t idle = 0;
     bool closed = false;
 };
 
@@ -32,11 +45,15 @@ void workerLoop(const std::shared_ptr<ThreadPool::State>& state) {
     std::unique_lock lock(state->mutex);
     for (;;) {
         if (state->blocks.empty()) {
-            ++state->idle;
-            state->wake.wait_for(lock, state->idleTimeout,
-                                 [&] { return !state->blocks.empty() || state->closed; });
-            --state->idle;
-            if (state->blocks.empty()) break; // idle for too long, or the pool is gone
+            if (state->closed) break;
+            IdleWorker self;
+            state->idle.push_back(&self);
+            self.wake.wait_for(lock, state->idleTimeout, [&] { return self.handed || state->closed; });
+            if (!self.handed) std::erase(state->idle, &self);
+            if (state->blocks.empty()) {
+                if (self.handed) continue; // a running worker took the block first
+                break;                     // idle for too long, or the pool is gone
+            }
         }
         {
             auto block = std::move(state->blocks.front());
@@ -61,16 +78,23 @@ ThreadPool::ThreadPool(std::string threadName, std::chrono::steady_clock::durati
 ThreadPool::~ThreadPool() {
     std::lock_guard lock(state_->mutex);
     state_->closed = true;
-    state_->wake.notify_all();
+    for (IdleWorker* worker : state_->idle)
+        worker->wake.notify_one();
 }
 
 void ThreadPool::submit(std::function<void()> block) {
     if (!block) return;
     std::lock_guard lock(state_->mutex);
     state_->blocks.push_back(std::move(block));
-    if (state_->idle > 0) state_->wake.notify_one();
+    if (!state_->idle.empty()) {
+        IdleWorker* worker = state_->idle.back();
+        state_->idle.pop_back();
+        worker->handed = true;
+        worker->wake.notify_one();
+        return;
+    }
     // Threads that are not idle may be blocked for a long time: never let work wait on them.
-    if (state_->blocks.size() <= state_->idle || state_->threads >= maxThreads) return;
+    if (state_->threads >= maxThreads) return;
     try {
         std::thread([state = state_] { workerLoop(state); }).detach();
         ++state_->threads;

@@ -85,7 +85,7 @@ TEST(Cookie, MatchingChecksDomainPathAndSecurity) {
         {domain, "http://a.example.com/video", true},   {domain, "http://example.com/video/1.ts", true},
         {domain, "http://example.com/videos", false},   {domain, "http://example.com/", false},
         {domain, "http://badexample.com/video", false}, {secure, "https://example.com/", true},
-        {secure, "http://example.com/", false},
+        {secure, "http://example.com/", false},         {secure, "HTTPS://example.com/", true},
     };
     for (const auto& c : cases)
         EXPECT_EQ(c.cookie.matches(url(c.url)), c.matches) << c.cookie.name << " " << c.url;

@@ -103,8 +103,10 @@ TEST(GlobalQueue, BlockedBlocksDoNotStarveTheNextOne) {
     EXPECT_TRUE(gates->ran.wait(hangGuard));
 }
 
-TEST(ThreadPool, IdleThreadsExit) {
-    ThreadPool pool("test.pool", 20ms);
+// A pool that grew in a burst shrinks back although work keeps trickling in faster than the idle
+// timeout (the trickle goes to one thread and the others time out), and to nothing once idle.
+TEST(ThreadPool, BurstThreadsExitUnderATrickleOfWorkThenAllIdleOnes) {
+    ThreadPool pool("test.pool", 100ms);
     DispatchSemaphore release, started;
     for (int i = 0; i < 4; ++i) {
         pool.submit([&] {
@@ -118,6 +120,13 @@ TEST(ThreadPool, IdleThreadsExit) {
     for (int i = 0; i < 4; ++i)
         release.signal();
     const auto deadline = std::chrono::steady_clock::now() + hangGuard;
+    DispatchSemaphore ran;
+    while (pool.threadCount() > 1 && std::chrono::steady_clock::now() < deadline) {
+        pool.submit([&] { ran.signal(); });
+        ASSERT_TRUE(ran.wait(hangGuard));
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_EQ(pool.threadCount(), 1u);
     while (pool.threadCount() > 0 && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(5ms);
     EXPECT_EQ(pool.threadCount(), 0u);

@@ -66,7 +66,7 @@ TEST(SoakMonitorTest, JudgesGrowthAfterTheWarmUp) {
         SCOPED_TRACE(row.name);
         SoakMonitor monitor(60, 5 * MB);
         for (const auto& [seconds, rss, descriptors, threads] : row.samples)
-            monitor.add({seconds, static_cast<std::int64_t>(rss * MB), descriptors, threads, 0, 0});
+            monitor.add({seconds, static_cast<std::int64_t>(rss * MB), descriptors, threads, 0, 0, {}});
         const auto failure = monitor.failure();
         if (!row.failure) {
             EXPECT_FALSE(failure) << *failure;
@@ -86,4 +86,5 @@ TEST(SoakMonitorTest, MeasuresThisProcess) {
     EXPECT_GT(before.rssBytes, 0);
     EXPECT_GE(before.threads, 1);
     EXPECT_EQ(after.descriptors, before.descriptors + 1);
+    EXPECT_NE(before.threadNames.find(" test_tools"), std::string::npos) << before.threadNames;
 }

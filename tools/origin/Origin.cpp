@@ -1,5 +1,7 @@
 #include "Origin.h"
 
+#include "ExclusivePort.h"
+
 #include <httplib.h>
 #include <netinet/in.h>
 #include <strings.h>
@@ -114,6 +116,7 @@ struct Origin::Impl {
 
     Options options;
     httplib::Server server;
+    ExclusivePort exclusive{server};
     std::thread thread;
     std::atomic<int> port{0};
 
@@ -149,6 +152,7 @@ struct Origin::Impl {
             if (error) *error = "cannot listen on " + options.host + ":" + std::to_string(options.port);
             return false;
         }
+        exclusive.deepen();
         port = bound;
         return true;
     }

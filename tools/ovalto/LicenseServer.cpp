@@ -1,5 +1,7 @@
 #include "LicenseServer.h"
 
+#include "ExclusivePort.h"
+
 #include "Utils/Base64.h"
 #include "platform/KeyExchange.h"
 
@@ -57,6 +59,7 @@ struct LicenseServer::Impl {
 
     const platform::KeyVendorIdentity identity;
     httplib::Server server;
+    ExclusivePort exclusive{server};
     std::thread thread;
     int port = -1;
 
@@ -91,6 +94,7 @@ bool LicenseServer::Impl::bind(std::string* error) {
     port = options.port == 0 ? server.bind_to_any_port(options.host)
                              : (server.bind_to_port(options.host, options.port) ? options.port : -1);
     if (port < 0 && error) *error = "cannot listen on " + options.host + ":" + std::to_string(options.port);
+    if (port >= 0) exclusive.deepen();
     return port >= 0;
 }
 

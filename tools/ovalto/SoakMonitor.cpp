@@ -3,9 +3,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <utility>
 
 namespace ovalto::tool {
@@ -15,7 +17,7 @@ SoakMonitor::SoakMonitor(double warmUp, std::int64_t rssAllowance)
     , rssAllowance_(rssAllowance) {}
 
 SoakMonitor::Sample SoakMonitor::measure(double seconds, std::int64_t playlists, std::int64_t segments) {
-    Sample sample{seconds, 0, 0, 0, playlists, segments};
+    Sample sample{seconds, 0, 0, 0, playlists, segments, {}};
     std::ifstream status("/proc/self/status");
     for (std::string line; std::getline(status, line);) {
         if (line.rfind("VmRSS:", 0) == 0) sample.rssBytes = std::atoll(line.c_str() + 6) * 1024;
@@ -26,6 +28,15 @@ SoakMonitor::Sample SoakMonitor::measure(double seconds, std::int64_t playlists,
          !error && it != std::filesystem::directory_iterator(); it.increment(error))
         ++sample.descriptors;
     --sample.descriptors; // the one the listing itself holds open
+    std::map<std::string, int> names;
+    for (auto it = std::filesystem::directory_iterator("/proc/self/task", error);
+         !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
+        std::ifstream comm(it->path() / "comm");
+        std::string name;
+        if (std::getline(comm, name)) ++names[name];
+    }
+    for (const auto& [name, count] : names)
+        sample.threadNames += (sample.threadNames.empty() ? "" : ", ") + std::to_string(count) + " " + name;
     return sample;
 }
 
@@ -84,7 +95,10 @@ std::optional<std::string> SoakMonitor::failure() const {
         return "open file descriptors grew from " + std::to_string(before.first) + " to " +
                std::to_string(after.first);
     if (after.second > before.second)
-        return "threads grew from " + std::to_string(before.second) + " to " + std::to_string(after.second);
+        return "threads grew from " + std::to_string(before.second) + " to " + std::to_string(after.second) +
+               " (at " + std::to_string(std::lround(base->seconds)) + " s: " + base->threadNames + "; at " +
+               std::to_string(std::lround(samples_.back().seconds)) + " s: " + samples_.back().threadNames +
+               ")";
     return std::nullopt;
 }
 

@@ -19,6 +19,7 @@ public:
         int threads = 0;
         std::int64_t playlists = 0; // reloaded so far
         std::int64_t segments = 0;  // fetched so far
+        std::string threadNames;    // "2 ovalto.global, 1 ovalto.timers", to tell which one grew
     };
 
     explicit SoakMonitor(double warmUp = 60, std::int64_t rssAllowance = 5 << 20);
