@@ -49,7 +49,9 @@ public:
         value_ = std::move(value);
     }
     // Runs `f` on the value under the lock, for reads or updates that should not copy it whole.
-    // `f` must not touch other Guarded values (no nesting).
+    // `f` must not touch other Guarded values (no nesting), except in an order that nothing takes
+    // the other way round: a segment list is written out under its lock, setting its segments'
+    // indexes.
     template <class F> decltype(auto) with(F&& f) {
         guarded::SpinLock lock(flag_);
         return std::forward<F>(f)(value_);
