@@ -44,10 +44,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::string_view line = after[i];
         while (!line.empty() && (line.front() == ' ' || line.front() == '\t'))
             line.remove_prefix(1);
-        // A URI line of a resource scheme is left only when it has no target (no host).
+        // A URI line of a resource scheme is left only when it has no target (no host, or a
+        // control character left inside once the line's end and its blanks are taken off).
         if (!line.starts_with('#') && isResourceUri(line)) {
             std::string_view uri = line;
-            while (!uri.empty() && fuzz::isSpace(uri.back()))
+            if (uri.ends_with('\r')) uri.remove_suffix(1);
+            while (!uri.empty() && (uri.back() == ' ' || uri.back() == '\t'))
                 uri.remove_suffix(1);
             fuzz::check(!BridgeUrl::target(uri), "a resource URI line was not mapped", mapped);
         }

@@ -72,10 +72,12 @@ public:
 
     void async(Block block) override {
         if (!block) return;
-        std::lock_guard lock(state_->mutex);
+        std::unique_lock lock(state_->mutex);
         state_->blocks.push_back(std::move(block));
         if (state_->workerRunning) {
-            state_->wake.notify_all();
+            // Woken once the lock is free, so that the worker does not wake only to wait for it.
+            lock.unlock();
+            state_->wake.notify_one();
             return;
         }
         try {

@@ -2,6 +2,7 @@
 
 #include "API/OvaltoAccess.h"
 #include "Bridge/BridgeUrl.h"
+#include "Resources/ResourceType.h"
 #include "ovalto/OVALog.h"
 #include "ovalto/Ovalto.h"
 #include "ovalto/OvaltoError.h"
@@ -13,8 +14,10 @@
 #include <strings.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdio>
+#include <list>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -71,6 +74,19 @@ bool isPlaylist(const platform::LoadingOutcome& outcome) {
     return type && (type->find("mpegurl") != std::string::npos);
 }
 
+// True for a playlist that can no longer change: one that has ended (#EXT-X-ENDLIST, which a VOD
+// playlist carries from the start). A live playlist changes under the same URL.
+bool isFinal(std::string_view playlist) {
+    for (std::size_t at = playlist.find("#EXT-X-ENDLIST"); at != std::string_view::npos;
+         at = playlist.find("#EXT-X-ENDLIST", at + 1)) {
+        const auto end = at + std::string_view("#EXT-X-ENDLIST").size();
+        const bool lineStart = at == 0 || playlist[at - 1] == '\n';
+        const bool lineEnd = end == playlist.size() || playlist[end] == '\n' || playlist[end] == '\r';
+        if (lineStart && lineEnd) return true;
+    }
+    return false;
+}
+
 } // namespace
 
 struct Bridge::Impl {
@@ -78,27 +94,47 @@ struct Bridge::Impl {
     Options options;
     httplib::Server server;
     std::thread thread;
+    std::atomic<bool> listening{false}; // until the server's thread has left its accept loop
     int port = 0;
     Observer observer;
 
-    // Answers waiting for their loading requests; stop() wakes them.
-    std::mutex mutex;
-    std::condition_variable changed;
+    // One answer waiting for its loading request, woken alone when that request ends, or by
+    // stop(). Its own lock and condition, so that one request's end does not wake every waiting
+    // answer of a busy bridge.
+    struct Wait {
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::optional<platform::LoadingOutcome> outcome;
+        bool stopping = false;
+    };
+    mutable std::mutex mutex; // guards the fields below
     bool stopping = false;
     Counts counts;
+    std::list<std::shared_ptr<Wait>> waits;
+
+    // Playlists answered without a loading request: the master of the presentation once fetched
+    // (fetching it again rebuilds the presentation's streams, and would pull them from under the
+    // clients already playing them), and media playlists that can no longer change (a VOD
+    // presentation's, which a client fetches once per rendition it plays, and a busy bridge
+    // would otherwise download and rewrite again for every client). Kept for the asset they
+    // were made for: a facade that prepares again starts with none.
     std::mutex masterMutex; // held while the master is fetched, so that it is fetched once
-    std::map<std::string, platform::LoadingOutcome> masters;
+    std::mutex keptMutex;
+    std::weak_ptr<platform::Asset> keptFor;
+    std::map<std::string, std::shared_ptr<const platform::LoadingOutcome>> kept;
 
-    struct Wait {
-        std::optional<platform::LoadingOutcome> outcome;
+    struct Loader {
+        std::shared_ptr<platform::Asset> asset;
+        std::shared_ptr<platform::AssetResourceLoader> resourceLoader;
     };
-
-    std::shared_ptr<platform::AssetResourceLoader> assetLoader() const {
+    Loader assetLoader() const {
         auto facade = ovalto.lock();
-        if (!facade) return nullptr;
+        if (!facade) return {};
         auto engine = OvaltoAccess::engine(*facade);
         auto asset = engine ? engine->asset.get() : nullptr;
-        return asset ? asset->resourceLoader() : nullptr;
+        if (!asset) return {};
+        auto resourceLoader = asset->resourceLoader();
+        return {std::move(asset), std::move(resourceLoader)};
     }
 
     // The player's side of one request: hand it to the asset's loader and wait for its end.
@@ -108,30 +144,86 @@ struct Bridge::Impl {
         parts.contentInformationRequest = true;
         auto request = platform::LoadingRequest::create(
             platform::UrlRequest(url), parts, [this, wait](const platform::LoadingOutcome& outcome) {
-                // Notified under the lock: the waiting answer may return, and the bridge go,
-                // as soon as the lock is released.
-                std::lock_guard lock(mutex);
-                wait->outcome = outcome;
-                ++counts.finished;
-                changed.notify_all();
+                // Counted before the answer is handed over: once it is, the answer may return
+                // and the bridge go.
+                {
+                    std::lock_guard lock(mutex);
+                    ++counts.finished;
+                }
+                {
+                    std::lock_guard lock(wait->mutex);
+                    wait->outcome = outcome;
+                }
+                // The wait is this completion's own too, so it outlives the notification.
+                wait->changed.notify_one();
             });
+        std::list<std::shared_ptr<Wait>>::iterator registered;
         {
             std::lock_guard lock(mutex);
             ++counts.started;
+            wait->stopping = stopping;
+            registered = waits.insert(waits.end(), wait);
         }
         loader.load(request);
-        std::unique_lock lock(mutex);
-        const auto deadline = std::chrono::steady_clock::now() + options.loadingTimeout;
-        changed.wait_until(lock, deadline, [&] { return wait->outcome || stopping; });
-        if (!wait->outcome) {
-            // Given up (too slow, or the bridge stops): the request ends here, and a late answer
-            // from the resource is dropped by the request itself.
-            lock.unlock();
-            loader.cancel(request);
-            lock.lock();
-            changed.wait(lock, [&] { return wait->outcome.has_value(); });
+        {
+            std::unique_lock lock(wait->mutex);
+            const auto deadline = std::chrono::steady_clock::now() + options.loadingTimeout;
+            wait->changed.wait_until(lock, deadline, [&] { return wait->outcome || wait->stopping; });
+            if (!wait->outcome) {
+                // Given up (too slow, or the bridge stops): the request ends here, and a late
+                // answer from the resource is dropped by the request itself.
+                lock.unlock();
+                loader.cancel(request);
+                lock.lock();
+                wait->changed.wait(lock, [&] { return wait->outcome.has_value(); });
+            }
+        }
+        {
+            std::lock_guard lock(mutex);
+            waits.erase(registered);
         }
         return *wait->outcome;
+    }
+
+    // What was kept for `url` of `asset`; forgets what was kept for another asset.
+    std::shared_ptr<const platform::LoadingOutcome> keptOutcome(const std::shared_ptr<platform::Asset>& asset,
+                                                                const std::string& url) {
+        std::lock_guard lock(keptMutex);
+        if (keptFor.owner_before(asset) || asset.owner_before(keptFor)) {
+            kept.clear();
+            keptFor = asset;
+        }
+        auto found = kept.find(url);
+        return found != kept.end() ? found->second : nullptr;
+    }
+
+    void keep(const std::shared_ptr<platform::Asset>& asset, const std::string& url,
+              std::shared_ptr<const platform::LoadingOutcome> outcome) {
+        std::lock_guard lock(keptMutex);
+        if (!keptFor.owner_before(asset) && !asset.owner_before(keptFor))
+            kept.emplace(url, std::move(outcome));
+    }
+
+    static bool isMaster(const platform::Url& url) { return url.path().ends_with("master.m3u8"); }
+    static bool isPlaylistUrl(const platform::Url& url) {
+        const auto scheme = url.scheme();
+        return scheme && ResourceType::fromRawValue(*scheme) == ResourceType::playlist;
+    }
+
+    std::shared_ptr<const platform::LoadingOutcome> loadPlaylist(const Loader& loader,
+                                                                 const platform::Url& url) {
+        const auto& key = url.absoluteString();
+        if (auto found = keptOutcome(loader.asset, key)) return found;
+        std::unique_lock masterLock(masterMutex, std::defer_lock);
+        if (isMaster(url)) {
+            masterLock.lock();
+            if (auto found = keptOutcome(loader.asset, key)) return found;
+        }
+        auto outcome = std::make_shared<const platform::LoadingOutcome>(load(*loader.resourceLoader, url));
+        if (outcome->kind == platform::LoadingOutcome::Kind::data &&
+            (isMaster(url) || (isPlaylist(*outcome) && isFinal(outcome->data))))
+            keep(loader.asset, key, outcome);
+        return outcome;
     }
 
     void answer(const httplib::Request& req, httplib::Response& res) {
@@ -142,13 +234,17 @@ struct Bridge::Impl {
             exchange.error = text;
         };
         auto url = BridgeUrl::resource(req.target);
-        auto loader = url ? assetLoader() : nullptr;
+        auto loader = url ? assetLoader() : Loader{};
         if (!url) {
             fail(404, req.target + " is not a bridge path.");
-        } else if (!loader) {
+        } else if (!loader.resourceLoader) {
             fail(503, "No presentation is prepared.");
         } else {
-            const auto outcome = isMaster(*url) ? loadMaster(*loader, *url) : load(*loader, *url);
+            const auto answered =
+                isPlaylistUrl(*url)
+                    ? loadPlaylist(loader, *url)
+                    : std::make_shared<const platform::LoadingOutcome>(load(*loader.resourceLoader, *url));
+            const auto& outcome = *answered;
             using Kind = platform::LoadingOutcome::Kind;
             switch (outcome.kind) {
             case Kind::data:
@@ -196,17 +292,6 @@ struct Bridge::Impl {
                    answerFunction, __FILE__, __LINE__);
         }
         if (observer) observer(exchange);
-    }
-
-    // The master is fetched once per bridge: fetching it again rebuilds the presentation's
-    // streams, and would pull them from under the clients already playing them.
-    static bool isMaster(const platform::Url& url) { return url.path().ends_with("master.m3u8"); }
-    platform::LoadingOutcome loadMaster(platform::AssetResourceLoader& loader, const platform::Url& url) {
-        std::lock_guard lock(masterMutex);
-        if (auto found = masters.find(url.absoluteString()); found != masters.end()) return found->second;
-        auto outcome = load(loader, url);
-        if (outcome.kind == platform::LoadingOutcome::Kind::data) masters[url.absoluteString()] = outcome;
-        return outcome;
     }
 
     std::string baseUrl() const { return "http://" + options.host + ":" + std::to_string(port); }
@@ -268,7 +353,11 @@ std::optional<platform::Error> Bridge::start() {
         std::lock_guard lock(impl.mutex);
         impl.stopping = false;
     }
-    impl.thread = std::thread([self] { self->server.listen_after_bind(); });
+    impl.listening = true;
+    impl.thread = std::thread([self] {
+        self->server.listen_after_bind();
+        self->listening = false;
+    });
     return std::nullopt;
 }
 
@@ -278,9 +367,18 @@ void Bridge::stop() {
     {
         std::lock_guard lock(impl.mutex);
         impl.stopping = true;
-        impl.changed.notify_all();
+        for (const auto& wait : impl.waits) {
+            std::lock_guard waitLock(wait->mutex);
+            wait->stopping = true;
+            wait->changed.notify_one();
+        }
     }
-    impl.server.stop();
+    // httplib's stop() does nothing until the listening thread has begun to accept: a bridge
+    // stopped right after start() would otherwise wait in accept() for ever.
+    while (impl.listening) {
+        impl.server.stop();
+        if (impl.listening) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     impl.thread.join();
 }
 

@@ -2,6 +2,8 @@
 
 #include "Resources/ResourceType.h"
 
+#include <algorithm>
+
 namespace ovalto {
 
 namespace {
@@ -48,6 +50,10 @@ void mapAttributes(std::string_view line, std::string_view origin, std::string& 
 std::optional<std::string> BridgeUrl::target(std::string_view resourceUrl) {
     auto scheme = resourceScheme(resourceUrl);
     if (!scheme) return std::nullopt;
+    // Blanks and control characters belong to no URL; such text is left as it was written.
+    if (std::any_of(resourceUrl.begin(), resourceUrl.end(),
+                    [](char c) { return static_cast<unsigned char>(c) <= 0x20 || c == 0x7f; }))
+        return std::nullopt;
     auto rest = resourceUrl.substr(scheme->size() + schemeSeparator.size());
     rest = rest.substr(0, rest.find('#'));
     auto hostEnd = rest.find_first_of("/?");
@@ -64,7 +70,9 @@ std::optional<std::string> BridgeUrl::target(std::string_view resourceUrl) {
 }
 
 std::optional<platform::Url> BridgeUrl::resource(std::string_view target) {
-    if (target.empty() || target.front() != '/') return std::nullopt;
+    // A request target carries no fragment, and one that did could not come back from target().
+    if (target.empty() || target.front() != '/' || target.find('#') != std::string_view::npos)
+        return std::nullopt;
     target.remove_prefix(1);
     auto schemeEnd = target.find('/');
     if (schemeEnd == std::string_view::npos) return std::nullopt;

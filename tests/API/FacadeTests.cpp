@@ -161,7 +161,10 @@ bool runUntil(const std::function<bool()>& done, std::chrono::seconds limit = 20
     return result;
 }
 
-Outcome prepare(const std::shared_ptr<Ovalto>& facade, const std::string& url) {
+// `afterCall` runs right after prepare() has returned.
+Outcome prepare(
+    const std::shared_ptr<Ovalto>& facade, const std::string& url,
+    const std::function<void()>& afterCall = [] {}) {
     Outcome outcome;
     auto& center = platform::NotificationCenter::defaultCenter();
     auto prepared =
@@ -176,6 +179,7 @@ Outcome prepare(const std::shared_ptr<Ovalto>& facade, const std::string& url) {
         });
     auto parsed = platform::Url::parse(url);
     facade->prepare(*parsed);
+    afterCall();
     runUntil([&] { return outcome.prepared || outcome.error.has_value(); });
     center.removeObserver(prepared);
     center.removeObserver(failed);
@@ -234,19 +238,11 @@ TEST_F(FacadeTest, HlsIsPreparedThroughTheLoaderWithTheConfigurationOfThatMoment
         "Application/X-MpegURL");
     auto facade = Ovalto::create(listener);
     facade->configurations[ConfigurationKey::httpHeaders] = Headers{{"X-Test", "first"}};
-    auto parsed = platform::Url::parse(origin.url("/master.m3u8"));
-    bool prepared = false, objectWasFacade = false;
-    auto token = platform::NotificationCenter::defaultCenter().addObserver(
-        OvaltoPreparationNotification, {}, [&](const platform::Notification& note) {
-            prepared = true;
-            objectWasFacade = note.object == facade;
-        });
-    facade->prepare(*parsed);
-    facade->configurations[ConfigurationKey::httpHeaders] = Headers{{"X-Test", "second"}};
-    ASSERT_TRUE(runUntil([&] { return prepared; }));
-    platform::NotificationCenter::defaultCenter().removeObserver(token);
-
-    EXPECT_TRUE(objectWasFacade);
+    const auto outcome = prepare(facade, origin.url("/master.m3u8"), [&] {
+        facade->configurations[ConfigurationKey::httpHeaders] = Headers{{"X-Test", "second"}};
+    });
+    ASSERT_TRUE(outcome.prepared);
+    EXPECT_TRUE(outcome.objectWasFacade);
     EXPECT_EQ(listener->prepares.load(), 1);
     auto item = facade->playerItem();
     ASSERT_TRUE(item);

@@ -149,6 +149,73 @@ TEST_F(BridgeTest, AnswersEachKindOfRequest) {
     expectAllFinished();
 }
 
+// A playlist that can no longer change is downloaded and rewritten once, however many clients
+// ask for it; a live one is fetched again for every request, so that its new segments show.
+TEST_F(BridgeTest, KeepsEndedPlaylistsAndFetchesLiveOnesAgain) {
+    const std::string livePath = "/vod/video/2000000/media.m3u8";
+    auto live = *origin.body(livePath);
+    for (const std::string tag : {"#EXT-X-ENDLIST\n", "#EXT-X-PLAYLIST-TYPE:VOD\n"})
+        live.erase(live.find(tag), tag.size());
+    origin.serve(livePath, live, "application/vnd.apple.mpegurl");
+
+    struct Row {
+        const char* what;
+        std::string target;
+        std::string originPath;
+        std::size_t fetches; // by three clients, one after the other
+    };
+    const Row rows[] = {
+        {"VOD media playlist", "/cplp/local/1/800000/media.m3u8", "/vod/video/800000/media.m3u8", 1},
+        {"live media playlist", "/cplp/local/1/2000000/media.m3u8", livePath, 3},
+        {"master", "/cplp/local/master.m3u8", "/vod/master.m3u8", 1},
+    };
+    for (const auto& row : rows) {
+        const auto before = origin.requests(row.originPath).size();
+        std::string first;
+        for (int client = 0; client < 3; ++client) {
+            httplib::Client fresh(bridge->baseUrl());
+            auto res = fresh.Get(row.target.c_str());
+            ASSERT_TRUE(res && res->status == 200) << row.what;
+            if (client == 0) first = res->body;
+            EXPECT_EQ(res->body, first) << row.what;
+        }
+        EXPECT_EQ(origin.requests(row.originPath).size() - before, row.fetches) << row.what;
+    }
+
+    // A new segment of the live playlist reaches the next client.
+    origin.serve(livePath, live + "#EXTINF:1.0,\nseg4.m4s\n", "application/vnd.apple.mpegurl");
+    httplib::Client client(bridge->baseUrl());
+    auto res = client.Get("/cplp/local/1/2000000/media.m3u8");
+    ASSERT_TRUE(res && res->status == 200);
+    EXPECT_NE(res->body.find("/rdtp/local/1/2000000/4."), std::string::npos) << res->body;
+    expectAllFinished();
+}
+
+// What the bridge kept of one presentation is not served for the next one the facade prepares.
+TEST_F(BridgeTest, ServesTheNewPresentationAfterPreparingAgain) {
+    httplib::Client client(bridge->baseUrl());
+    auto first = client.Get("/cplp/local/1/800000/media.m3u8");
+    ASSERT_TRUE(first && first->status == 200);
+    EXPECT_EQ(first->body.find("/rdtp/local/1/800000/5."), std::string::npos);
+
+    HlsOrigin::Vod longer;
+    longer.segments = 6;
+    origin.publish("longer", longer);
+    bool prepared = false;
+    auto token = platform::NotificationCenter::defaultCenter().addObserver(
+        OvaltoPreparationNotification, facade, [&](const platform::Notification&) { prepared = true; });
+    facade->prepare(*platform::Url::parse(origin.url("/longer/master.m3u8")));
+    ASSERT_TRUE(runUntil([&] { return prepared; }));
+    platform::NotificationCenter::defaultCenter().removeObserver(token);
+
+    auto master = client.Get("/cplp/local/master.m3u8");
+    ASSERT_TRUE(master && master->status == 200);
+    auto media = client.Get("/cplp/local/1/800000/media.m3u8");
+    ASSERT_TRUE(media && media->status == 200);
+    EXPECT_NE(media->body.find("/rdtp/local/1/800000/5."), std::string::npos) << media->body;
+    expectAllFinished();
+}
+
 // Two clients walk the presentation at once over their own keep-alive connections.
 TEST_F(BridgeTest, ServesTwoClientsAtOnce) {
     auto walk = [&](int* redirects) {
@@ -185,10 +252,12 @@ void sendAndVanish(int port, const std::string& request) {
 // Clients that vanish while their playlist is still on its way, or give up waiting, leave no
 // request unfinished and do not keep the bridge from serving the next client.
 TEST_F(BridgeTest, SurvivesClientsThatVanishOrTimeOut) {
-    origin.throttle("/vod/video/800000/media.m3u8", 500ms);
+    // A rendition nobody has asked for yet, so that its playlist is on its way from the origin.
+    const std::string media = "/cplp/local/1/2000000/media.m3u8";
+    origin.throttle("/vod/video/2000000/media.m3u8", 500ms);
     httplib::Client client(bridge->baseUrl());
-    auto [media, segment] = mediaAndSegment(client);
-    ASSERT_FALSE(media.empty());
+    auto segment = mediaAndSegment(client).second;
+    ASSERT_FALSE(segment.empty());
     for (int i = 0; i < 3; ++i)
         sendAndVanish(bridge->port(), "GET " + media + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
     auto res = client.Get(segment.c_str());
@@ -218,6 +287,12 @@ TEST(BridgeListenTest, LoopbackOnlyAndNoMasterBeforePreparation) {
     auto res = client.Get("/cplp/local/master.m3u8");
     ASSERT_TRUE(res);
     EXPECT_EQ(res->status, 503);
+
+    // Stopped before its thread has begun to accept, a bridge still stops.
+    for (int i = 0; i < 20; ++i) {
+        Bridge brief(facade);
+        ASSERT_FALSE(brief.start());
+    }
 
     // A port already taken is an error value, not an exception.
     Bridge::Options taken;

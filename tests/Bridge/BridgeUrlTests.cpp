@@ -31,14 +31,15 @@ TEST(BridgeUrlTest, TargetsRoundTrip) {
         EXPECT_EQ(back->absoluteString(), row.resource) << row.what;
     }
     for (const char* other : {"https://local/master.m3u8", "CPLP://local/master.m3u8", "cplp:///master.m3u8",
-                              "master.m3u8", "cplpx://local/a"}) {
+                              "master.m3u8", "cplpx://local/a", "rdtp://local/0/0/1.ts\r#x"}) {
         EXPECT_FALSE(BridgeUrl::target(other)) << other;
     }
 }
 
 TEST(BridgeUrlTest, RejectsTargetsThatNameNoResource) {
     for (const char* target : {"", "/", "/cplp", "/cplp/", "/cplp//master.m3u8", "/http/local/master.m3u8",
-                               "cplp/local/master.m3u8", "/favicon.ico", "/cplp/lo cal/master.m3u8"}) {
+                               "cplp/local/master.m3u8", "/favicon.ico", "/cplp/lo cal/master.m3u8",
+                               "/cplp/local/master#-T=%2F"}) {
         EXPECT_FALSE(BridgeUrl::resource(target)) << "'" << target << "'";
     }
 }

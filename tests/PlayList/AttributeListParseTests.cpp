@@ -1,5 +1,4 @@
-// Attribute lists, the tag table and the master/media test shared by both playlist kinds.
-#include "PlayList/Ext.h"
+// Attribute lists and the master/media test shared by both playlist kinds.
 #include "PlayList/PlayList.h"
 
 #include <gtest/gtest.h>
@@ -59,15 +58,4 @@ TEST(IsMasterTest, AnyExtinfLineMakesAMediaPlaylist) {
     EXPECT_FALSE(PlayList::isMaster("#EXTM3U\n#EXTINF:4,\na.ts"));
     EXPECT_FALSE(PlayList::isMaster("#EXTM3U\r\n \t#EXTINF:4,\r\na.ts"));
     EXPECT_TRUE(PlayList::isMaster("#EXTM3U\n# #EXTINF:4"));
-}
-
-TEST(ExtTest, RawValuesMatchWholeTagNamesOnly) {
-    EXPECT_EQ(makeExt("#EXTINF"), Ext::inf);
-    EXPECT_EQ(makeExt("#EXT-X-MEDIA"), Ext::xMedia);
-    EXPECT_EQ(makeExt("#EXT"), Ext::ext);
-    EXPECT_EQ(rawValue(Ext::xVersion), "#EXT-X-VERSION:7");
-    // A source version tag is never recognised, so it is dropped like any unknown tag.
-    EXPECT_FALSE(makeExt("#EXT-X-VERSION"));
-    EXPECT_FALSE(makeExt("#EXT-X-DISCONTINUITY"));
-    EXPECT_FALSE(makeExt("#extinf"));
 }

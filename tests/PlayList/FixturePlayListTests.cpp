@@ -103,27 +103,3 @@ TEST_F(PlayListFixtureTest, MasterUrisResolveAgainstTheMasterUrl) {
     EXPECT_EQ(url(video->representation(5481306)->url.get()),
               "https://media.example.com/content/show/video/1080p.m3u8");
 }
-
-TEST_F(PlayListFixtureTest, MediaSegmentsResolveAndKeepTheirByteRanges) {
-    Representation representation;
-    ASSERT_TRUE(rewriteMedia(read(directory / "media_byterange_single_file.m3u8"), representation));
-    const auto fragments = representation.fragments.get();
-    ASSERT_EQ(fragments.size(), 4u);
-    for (const auto& fragment : fragments)
-        EXPECT_EQ(url(fragment->url.get()), "https://media.example.com/content/show/v1/main.mp4");
-    EXPECT_EQ(url(representation.initialURL.get()), "https://media.example.com/content/show/v1/main.mp4");
-    EXPECT_EQ(representation.mapAttributes.get().value("BYTERANGE"), "\"1118@0\"");
-    EXPECT_EQ(fragments[1]->length(), 1021346);
-    EXPECT_FALSE(fragments[1]->offset());
-    EXPECT_EQ(fragments[3]->duration()->value, 9999);
-
-    Representation live;
-    ASSERT_TRUE(rewriteMedia(read(directory / "media_live_ts_aes.m3u8"), live));
-    const auto segments = live.fragments.get();
-    ASSERT_EQ(segments.size(), 6u);
-    EXPECT_EQ(url(segments[0]->url.get()), "https://edge3.example.com/live/ch7/seg_4521.ts");
-    EXPECT_EQ(url(segments[2]->url.get()), "https://media.example.com/content/show/v1/ad/slate_001.ts");
-    EXPECT_EQ(segments[5]->index.get(), 4526);
-    EXPECT_EQ(live.keyAttributes.get().size(), 3u);
-    EXPECT_TRUE(live.isLive.get());
-}

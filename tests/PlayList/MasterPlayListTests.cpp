@@ -177,14 +177,6 @@ TEST_F(MasterPlayListTest, TheRewrittenSizeIsKnownBeforehandAndTooLargeARewriteI
     EXPECT_TRUE(log.contains(MasterPlayList::refusal(*master.refusedSize())));
 }
 
-TEST_F(MasterPlayListTest, EmptyMasterLeavesOneEmptyVideoStream) {
-    const auto result = rewrite("#EXTM3U\n");
-    const auto streams = result.streams();
-    ASSERT_EQ(streams.size(), 1u);
-    EXPECT_EQ(streams[0]->mediaType.get(), MediaType::video);
-    EXPECT_TRUE(streams[0]->representations.get().empty());
-}
-
 TEST_F(MasterPlayListTest, LaterUriLineRepointsThePendingVariant) {
     const auto result = rewrite("#EXTM3U\nignored.m3u8\n#EXT-X-STREAM-INF:BANDWIDTH=500\na.m3u8\nb.m3u8\n");
     const auto streams = result.streams();
@@ -222,22 +214,4 @@ TEST_F(MasterPlayListTest, RefusesWhatIsNotAPlaylistAndLeavesThePresentationAlon
     Representation representation;
     EXPECT_FALSE(master.parsePlayList("#EXTM3U\n", base, representation));
     EXPECT_FALSE(master.generatePlayList(representation));
-}
-
-TEST_F(MasterPlayListTest, ParseLogsTheSourceAtDebugLevel) {
-    rewrite("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\na.m3u8");
-    EXPECT_TRUE(log.contains("[Debug MasterPlayList|parsePlayList(playList:baseUrl:container:)|12] #EXTM3U\n"
-                             "#EXT-X-STREAM-INF:BANDWIDTH=1\na.m3u8"));
-}
-
-TEST_F(MasterPlayListTest, SyntheticRenditionsOfferEveryBitratePointingAtTheLowerPlaylist) {
-    EXPECT_EQ(
-        MasterPlayList::generateXMedias(MediaType::video, 200, {100, 200, 300}, 4),
-        (std::vector<std::string>{
-            "#EXT-X-MEDIA:TYPE=VIDEO,GROUP-ID=\"200\",NAME=\"100\",DEFAULT=NO,URI=\"4/100/media.m3u8\"",
-            "#EXT-X-MEDIA:TYPE=VIDEO,GROUP-ID=\"200\",NAME=\"200\",DEFAULT=NO,URI=\"4/200/media.m3u8\"",
-            "#EXT-X-MEDIA:TYPE=VIDEO,GROUP-ID=\"200\",NAME=\"300\",DEFAULT=YES,URI=\"4/200/media.m3u8\""}));
-    EXPECT_EQ(MasterPlayList::generateXMedias(MediaType::text, 5, {5}, 0),
-              (std::vector<std::string>{
-                  "#EXT-X-MEDIA:TYPE=TEXT,GROUP-ID=\"5\",NAME=\"5\",DEFAULT=YES,URI=\"0/5/media.m3u8\""}));
 }

@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include <charconv>
+#include <sstream>
 
 using namespace ovalto;
 
@@ -184,18 +184,10 @@ TEST_F(MediaPlayListTest, GeneratedPlaylists) {
 }
 
 TEST_F(MediaPlayListTest, DurationsAreWrittenAsTheShortestDecimalOfTheirSeconds) {
-    // Whole milliseconds are written with integers; the text must be what the shortest
-    // round-trip form of the double gives, with at least one decimal.
-    for (const std::int64_t ms : {0LL, 1LL, 10LL, 100LL, 999LL, 1000LL, 1001LL, 4004LL, 5338LL, 9999LL,
-                                  10010LL, -1LL, -500LL, -6006LL, 123456789LL, 999999999999999LL}) {
-        char buffer[64];
-        const double seconds = static_cast<double>(ms) / 1000;
-        std::string expected(
-            buffer, std::to_chars(buffer, buffer + sizeof buffer, seconds, std::chars_format::fixed).ptr);
-        if (expected.find('.') == std::string::npos) expected += ".0";
-        EXPECT_EQ(rewrite(source + "#EXTINF:" + expected + ",\na.ts\n"),
-                  head + "#EXTINF:" + expected + "\nrdtp://local/1/800000/0.ts")
-            << ms;
+    for (const char* seconds : {"0.0", "0.001", "0.01", "0.999", "1.0", "1.001", "10.01", "-0.001", "-6.006",
+                                "123456.789", "999999999999.999"}) {
+        EXPECT_EQ(rewrite(source + "#EXTINF:" + seconds + ",\na.ts\n"),
+                  head + "#EXTINF:" + seconds + "\nrdtp://local/1/800000/0.ts");
     }
 }
 
@@ -330,33 +322,15 @@ TEST_F(MediaPlayListTest, RefusesWhatIsNotAPlaylistAndLeavesTheRepresentationAlo
 // as the general reader reads it, and what it does not take must still reach the general one.
 TEST(PlayListText, NumberShortcutsAgreeWithTheGeneralReaders) {
     using namespace playlisttext;
-    for (const std::string_view text : {"0",
-                                        "6",
-                                        "6.",
-                                        "6.006",
-                                        "6.0069",
-                                        "0006.0060",
-                                        "10.5",
-                                        ".5",
-                                        "+.5",
-                                        "-1.5",
-                                        "1e3",
-                                        "1.5E-1",
-                                        "",
-                                        ".",
-                                        "6.0.0",
-                                        "6,",
-                                        " 6",
-                                        "12345678901234.5",
-                                        "123456789012345",
-                                        "123456789012345.5",
-                                        "9223372036854775.807",
-                                        "9223372036854775.808",
-                                        "999999999",
-                                        "4294967296",
-                                        "-0",
-                                        "+7",
-                                        "0x10"}) {
+    // Space-separated, then the texts that hold a blank or nothing.
+    std::istringstream words(
+        "0 6 6. 6.006 6.0069 0006.0060 10.5 .5 +.5 -1.5 1e3 1.5E-1 . 6.0.0 6, -0 +7 0x10 "
+        "12345678901234.5 123456789012345 123456789012345.5 9223372036854775.807 "
+        "9223372036854775.808 999999999 4294967296");
+    std::vector<std::string> texts{"", " 6"};
+    for (std::string word; words >> word;)
+        texts.push_back(word);
+    for (const std::string_view text : texts) {
         SCOPED_TRACE(text);
         EXPECT_EQ(parseMilliseconds(text), parseMillisecondsInGeneral(text));
         EXPECT_EQ(parseInteger<std::int64_t>(text), parseIntegerInGeneral<std::int64_t>(text));

@@ -39,13 +39,6 @@ TEST(JSONWriter, TextsReadBackAsWrittenAndNonUtf8IsRefused) {
         writer.value(std::int64_t{-7});
         writer.endArray();
         EXPECT_EQ(writer.valid(), c.valid);
-        bool nlohmannAccepts = true;
-        try {
-            (void)nlohmann::json(c.text).dump();
-        } catch (const nlohmann::json::exception&) {
-            nlohmannAccepts = false;
-        }
-        EXPECT_EQ(nlohmannAccepts, c.valid);
         if (!c.valid) continue;
         const auto parsed = nlohmann::json::parse(writer.text());
         EXPECT_EQ(parsed, nlohmann::json::array({c.text, -7}));

@@ -8,17 +8,6 @@
 
 using namespace ovalto;
 
-TEST(PresentationModelTest, FreshRepresentationIsLiveWithEverythingEmpty) {
-    Representation r;
-    EXPECT_TRUE(r.isLive.get());
-    EXPECT_FALSE(r.bitrate.get());
-    EXPECT_FALSE(r.sequence.get());
-    EXPECT_FALSE(r.start.get());
-    EXPECT_FALSE(r.url.get());
-    EXPECT_TRUE(r.fragments.get().empty());
-    EXPECT_EQ(Stream().mediaType.get(), MediaType::video);
-}
-
 TEST(PresentationModelTest, ResetForgetsSegmentsButKeepsIdentityAndRunningStart) {
     Representation r;
     r.bitrate.set(800000);
