@@ -39,7 +39,7 @@ bool mayRefuse(const Representation& representation) {
                                &last))
         return true;
     for (const auto& fragment : fragments)
-        if (!fragment->duration) return true;
+        if (!fragment->duration()) return true;
     return false;
 }
 
@@ -53,7 +53,7 @@ bool readsBackExactly(const Representation& representation) {
     for (const auto& [name, value] : representation.playlistAttributes.get())
         if (!value.empty() && (value.back() == ' ' || value.back() == '\t')) return false;
     for (const auto& fragment : representation.fragments.get()) {
-        const auto value = fragment->duration->value;
+        const auto value = fragment->duration()->value;
         if (value > 1'000'000'000'000'000 || value < -1'000'000'000'000'000) return false;
     }
     return true;
@@ -120,8 +120,8 @@ void checkRunningStart(const Representation& representation, std::optional<platf
                        std::string_view input) {
     const auto fragments = representation.fragments.get();
     for (const auto& fragment : fragments) {
-        const auto duration = fragment->duration;
-        fuzz::check(duration.has_value() == fragment->start.has_value(),
+        const auto duration = fragment->duration();
+        fuzz::check(duration.has_value() == fragment->start().has_value(),
                     "a start without a duration or back");
         if (duration) fuzz::check(duration->timescale == 1000, "a duration is not in milliseconds");
     }
@@ -130,9 +130,9 @@ void checkRunningStart(const Representation& representation, std::optional<platf
     std::set<const Fragment*> seen;
     for (const auto& fragment : fragments) {
         if (!seen.insert(fragment.get()).second) continue; // one object listed twice
-        const auto duration = fragment->duration;
+        const auto duration = fragment->duration();
         if (!duration) continue;
-        const auto start = *fragment->start;
+        const auto start = *fragment->start();
         fuzz::check(compare(start, floor) >= 0, "a segment starts before the previous one ended");
         floor = start + *duration;
     }

@@ -431,8 +431,8 @@ void OvaltoInternal::onAccessLogEvent(const std::any& argument) {
             response.size = size;
             auto type = attributes.find("MediaType");
             response.type = type == attributes.end() ? "unknown" : type->second;
-            response.start = fragment->start;
-            response.duration = fragment->duration;
+            response.start = fragment->start();
+            response.duration = fragment->duration();
             auto milliseconds =
                 elapsed > 0 && std::isfinite(elapsed) ? static_cast<std::int64_t>(elapsed * 1000) : 0;
             response.downloadTime = platform::MediaTime::make(milliseconds, 1000);

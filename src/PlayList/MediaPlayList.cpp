@@ -6,11 +6,13 @@
 #include "PlayList/RewrittenUrl.h"
 #include "Utils/URLExtension.h"
 #include "ovalto/OVALog.h"
+#include "platform/Pages.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <deque>
 #include <map>
 #include <memory>
 
@@ -137,13 +139,15 @@ struct Draft {
 // The fragments of one parse, built in place: a fragment kept elsewhere keeps its store alive,
 // and no fragment is moved once made. Storage comes in chunks sized from the playlist's length,
 // so a long playlist takes one or two allocations; slots are raw memory until a fragment is made
-// in them, so an estimate that is too high costs address space, not pages. The store also holds
+// in them, so an estimate that is too high costs address space, not pages (at most the rest of
+// one huge page: a long playlist's chunks are filled through huge pages, and the pages ahead of
+// the last slot are made present a run at a time, see platform::Pages). The store also holds
 // the segment URIs as the playlist wrote them and the playlist's resolver, from which each
 // fragment makes its URL when it is read.
 class FragmentStore {
 public:
     FragmentStore(std::size_t expected, const platform::Url& baseUrl)
-        : chunkSize_(std::clamp<std::size_t>(expected, 16, 16384))
+        : chunkSize_(std::clamp<std::size_t>(expected, 16, 65536))
         , resolver_(baseUrl) {}
     FragmentStore(const FragmentStore&) = delete;
     FragmentStore& operator=(const FragmentStore&) = delete;
@@ -156,8 +160,8 @@ public:
 
     const SubUrlResolver& resolver() const { return resolver_; }
 
-    // A copy of `uri` that lives as long as the store.
-    std::string_view keep(std::string_view uri) {
+    // Where the segments naming `uri` take their URL from; it lives as long as the store.
+    const FragmentUrl::Source* keep(std::string_view uri) {
         if (texts_.empty() || textCapacity_ - textUsed_ < uri.size()) {
             textCapacity_ = std::max<std::size_t>(uri.size(), 64 * 1024);
             texts_.push_back(std::make_unique_for_overwrite<char[]>(textCapacity_));
@@ -166,17 +170,23 @@ public:
         char* copy = texts_.back().get() + textUsed_;
         std::memcpy(copy, uri.data(), uri.size());
         textUsed_ += uri.size();
-        return {copy, uri.size()};
+        return &sources_.emplace_back(FragmentUrl::Source{&resolver_, {copy, uri.size()}});
     }
 
-    Fragment& emplace(const Draft& draft, std::string_view uri) {
+    Fragment& emplace(const Draft& draft, const FragmentUrl::Source* source) {
         if (chunks_.empty() || chunks_.back().used == chunks_.back().capacity) {
             chunks_.reserve(chunks_.size() + 1); // so that the push below cannot throw
             chunks_.push_back({std::allocator<Fragment>().allocate(chunkSize_), chunkSize_, 0});
+            platform::Pages::preferHuge(chunks_.back().slots, chunkSize_ * sizeof(Fragment));
         }
         Chunk& chunk = chunks_.back();
-        Fragment* fragment = std::construct_at(chunk.slots + chunk.used, draft.start, draft.duration,
-                                               &resolver_, uri, draft.offset, draft.length);
+        if (chunk.used == chunk.populated) {
+            const std::size_t run = std::min(populateRun, chunk.capacity - chunk.used);
+            platform::Pages::populate(chunk.slots + chunk.used, run * sizeof(Fragment));
+            chunk.populated += run;
+        }
+        Fragment* fragment = std::construct_at(chunk.slots + chunk.used, draft.start, draft.duration, source,
+                                               draft.offset, draft.length);
         ++chunk.used;
         return *fragment;
     }
@@ -186,11 +196,14 @@ private:
         Fragment* slots;
         std::size_t capacity;
         std::size_t used;
+        std::size_t populated = 0; // slots whose pages are present
     };
+    static constexpr std::size_t populateRun = (std::size_t{256} << 10) / sizeof(Fragment);
     std::size_t chunkSize_;
     std::vector<Chunk> chunks_;
     SubUrlResolver resolver_;
     std::vector<std::unique_ptr<char[]>> texts_;
+    std::deque<FragmentUrl::Source> sources_;
     std::size_t textCapacity_ = 0;
     std::size_t textUsed_ = 0;
 };
@@ -225,11 +238,14 @@ bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url
     const SubUrlResolver& resolve = store->resolver();
     std::vector<std::shared_ptr<Fragment>> fragments;
     fragments.reserve(expectedSegments);
+    std::size_t populatedEntries = 0; // as for the store's slots
+    constexpr std::size_t entriesPerRun = (std::size_t{256} << 10) / sizeof(fragments[0]);
     Draft draft; // the segment of the last #EXTINF, when `drafting`
     bool drafting = false;
     std::size_t listings = 0; // URI lines so far: the position of the next segment
     // Byte-range playlists name one file for many segments in a row: it is kept once.
     std::string_view keptUri;
+    const FragmentUrl::Source* keptSource = nullptr;
     std::map<long, AttributeList> keyAttributes;
     AttributeList playlistAttributes;
     AttributeList mapAttributes;
@@ -242,10 +258,19 @@ bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url
 
     const auto finishDraft = [&] {
         if (!drafting || draft.listings == 0) return;
-        if (keptUri.data() == nullptr || draft.uri != keptUri) keptUri = store->keep(draft.uri);
-        Fragment& fragment = store->emplace(draft, keptUri);
-        for (std::size_t i = 0; i < draft.listings; ++i)
+        if (keptSource == nullptr || draft.uri != keptUri) {
+            keptSource = store->keep(draft.uri);
+            keptUri = keptSource->uri;
+        }
+        Fragment& fragment = store->emplace(draft, keptSource);
+        for (std::size_t i = 0; i < draft.listings; ++i) {
+            if (fragments.size() == populatedEntries && fragments.size() < fragments.capacity()) {
+                const std::size_t run = std::min(entriesPerRun, fragments.capacity() - fragments.size());
+                platform::Pages::populate(fragments.data() + fragments.size(), run * sizeof(fragments[0]));
+                populatedEntries += run;
+            }
             fragments.emplace_back(store, &fragment);
+        }
     };
     // `value` is the text after "#EXTINF:".
     const auto readDuration = [&](std::string_view value) {
@@ -359,112 +384,148 @@ bool MediaPlayList::parsePlayList(std::string_view playList, const platform::Url
 std::optional<platform::Data> MediaPlayList::generatePlayList(Container& container) {
     auto* representation = dynamic_cast<Representation*>(&container);
     if (representation == nullptr) return std::nullopt;
-    const auto bitrate = representation->bitrate.get();
-    const auto streamIndex = representation->streamIndex.get();
-    if (!bitrate || !streamIndex) return std::nullopt;
-
-    const auto targetDuration = representation->targetDuration.get();
-    const auto sequence = representation->sequence.get();
-    if (!targetDuration || !sequence) {
-        OVALog(OVALogLevel::warning, "The EXT-X-TARGETDURATION and EXT-X-MEDIA-SEQUENCE tags are REQUIRED.",
-               generateFunction, fileName, 101);
-        return std::nullopt;
-    }
-
-    const auto fragments = representation->fragments.get();
-    const auto keyAttributes = representation->keyAttributes.get();
-
-    // The start of every segment URI, which then only needs its index.
-    const std::string directory = RewrittenUrl::segmentDirectory(*streamIndex, *bitrate);
-    const std::string segmentLineStart = "\n" + directory;
-
     std::string out;
-    out.reserve(256 + fragments.size() * (directory.size() + 64));
-    out += rawValue(Ext::start);
-    out += '\n';
-    out += rawValue(Ext::xVersion);
-    out += '\n';
-    out += rawValue(Ext::xTargetDuration);
-    out += ':';
-    appendInteger(out, *targetDuration);
-    out += '\n';
-    out += rawValue(Ext::xMediaSequence);
-    out += ':';
-    appendInteger(out, *sequence);
-    representation->playlistAttributes.with([&](const AttributeList& attributes) {
-        for (const auto& [name, value] : attributes) {
-            out += '\n';
-            out += name;
-            out += ':';
-            out += value;
-        }
-    });
-    const std::string initialSectionUri =
-        "\"" + RewrittenUrl::segment(*streamIndex, *bitrate, RewrittenUrl::initialSection) + "\"";
-    representation->mapAttributes.with([&](const AttributeList& attributes) {
-        if (attributes.empty()) return;
-        out += '\n';
-        out += rawValue(Ext::xMap);
-        out += ':';
-        appendAttributes(out, attributes, initialSectionUri);
-    });
-
-    auto key = keyAttributes.begin();
-    for (std::size_t position = 0; position < fragments.size(); ++position) {
-        auto& fragment = *fragments[position];
-        while (key != keyAttributes.end() && key->first < static_cast<long>(position))
-            ++key;
-        if (key != keyAttributes.end() && key->first == static_cast<long>(position)) {
-            out += '\n';
-            out += rawValue(Ext::xKey);
-            out += ':';
-            appendAttributes(out, key->second);
-        }
-        std::int64_t index = 0;
-        if (__builtin_add_overflow(*sequence, static_cast<std::int64_t>(position), &index)) {
-            OVALog(OVALogLevel::warning,
-                   "The EXT-X-MEDIA-SEQUENCE value leaves no room for the segment indexes.", generateFunction,
-                   fileName, __LINE__);
-            return std::nullopt;
-        }
-        fragment.index.set(index);
-        const auto& duration = fragment.duration;
-        if (!duration) {
-            OVALog(OVALogLevel::warning, "The fragment duration is REQUIRED.", generateFunction, fileName,
-                   133);
-            return std::nullopt;
-        }
-        const auto& length = fragment.length;
-        std::optional<std::int64_t> offset;
-        if (length) offset = fragment.offset;
-        char buffer[bufferSize];
-        char* cursor = buffer;
-        write(cursor, "\n");
-        write(cursor, rawValue(Ext::inf));
-        write(cursor, ":");
-        writeSeconds(cursor, *duration);
-        if (length) {
-            write(cursor, "\n");
-            write(cursor, rawValue(Ext::xByteRange));
-            write(cursor, ":");
-            writeInteger(cursor, *length);
-            if (offset) {
-                *cursor++ = '@';
-                writeInteger(cursor, *offset);
-            }
-        }
-        write(cursor, segmentLineStart);
-        cursor = RewrittenUrl::writeSegmentName(cursor, index);
-        out.append(buffer, std::size_t(cursor - buffer));
-    }
-    if (!representation->isLive.get()) {
-        out += '\n';
-        out += rawValue(Ext::end);
-    }
-
+    if (!writeTo(*representation, out, nullptr, 0)) return std::nullopt;
     OVALog(OVALogLevel::debug, out, generateFunction, fileName, 152);
     representation->playList.set(out);
     return std::optional<platform::Data>(std::move(out));
+}
+
+bool MediaPlayList::writePlayList(Container& container, const std::function<void(std::string_view)>& sink,
+                                  std::size_t pieceSize) {
+    auto* representation = dynamic_cast<Representation*>(&container);
+    if (representation == nullptr) return false;
+    std::string piece;
+    piece.reserve(pieceSize + bufferSize);
+    if (!writeTo(*representation, piece, &sink, pieceSize)) return false;
+    if (!piece.empty()) sink(piece);
+    return true;
+}
+
+bool MediaPlayList::writeTo(Representation& representation, std::string& out,
+                            const std::function<void(std::string_view)>* sink, std::size_t pieceSize) {
+    const auto bitrate = representation.bitrate.get();
+    const auto streamIndex = representation.streamIndex.get();
+    if (!bitrate || !streamIndex) return false;
+
+    const auto targetDuration = representation.targetDuration.get();
+    const auto sequence = representation.sequence.get();
+    if (!targetDuration || !sequence) {
+        OVALog(OVALogLevel::warning, "The EXT-X-TARGETDURATION and EXT-X-MEDIA-SEQUENCE tags are REQUIRED.",
+               generateFunction, fileName, 101);
+        return false;
+    }
+
+    const auto keyAttributes = representation.keyAttributes.get();
+    const auto playlistAttributes = representation.playlistAttributes.get();
+    const auto mapAttributes = representation.mapAttributes.get();
+    const bool isLive = representation.isLive.get();
+
+    // The list is read under its lock instead of copied: a copy of a long one costs more than
+    // writing it. Only the fragments' own fields are locked inside (never the other way round).
+    enum class Outcome { written, noRoomForIndexes, missingDuration };
+    const Outcome outcome =
+        representation.fragments.with([&](const std::vector<std::shared_ptr<Fragment>>& fragments) {
+            // A playlist that cannot be written whole is not written at all, so a sink never receives a
+            // part of one. The segments before the first that fails still get their indexes.
+            std::size_t writable = 0;
+            std::int64_t index = 0;
+            for (; writable < fragments.size(); ++writable) {
+                if (__builtin_add_overflow(*sequence, static_cast<std::int64_t>(writable), &index)) break;
+                if (!fragments[writable]->duration()) break;
+            }
+            if (writable < fragments.size()) {
+                for (std::size_t position = 0; position < writable; ++position)
+                    fragments[position]->index.set(*sequence + static_cast<std::int64_t>(position));
+                return __builtin_add_overflow(*sequence, static_cast<std::int64_t>(writable), &index)
+                           ? Outcome::noRoomForIndexes
+                           : Outcome::missingDuration;
+            }
+
+            // The start of every segment URI, which then only needs its index.
+            const std::string directory = RewrittenUrl::segmentDirectory(*streamIndex, *bitrate);
+            const std::string segmentLineStart = "\n" + directory;
+
+            if (sink == nullptr) out.reserve(256 + fragments.size() * (directory.size() + 64));
+            out += rawValue(Ext::start);
+            out += '\n';
+            out += rawValue(Ext::xVersion);
+            out += '\n';
+            out += rawValue(Ext::xTargetDuration);
+            out += ':';
+            appendInteger(out, *targetDuration);
+            out += '\n';
+            out += rawValue(Ext::xMediaSequence);
+            out += ':';
+            appendInteger(out, *sequence);
+            for (const auto& [name, value] : playlistAttributes) {
+                out += '\n';
+                out += name;
+                out += ':';
+                out += value;
+            }
+            const std::string initialSectionUri =
+                "\"" + RewrittenUrl::segment(*streamIndex, *bitrate, RewrittenUrl::initialSection) + "\"";
+            if (!mapAttributes.empty()) {
+                out += '\n';
+                out += rawValue(Ext::xMap);
+                out += ':';
+                appendAttributes(out, mapAttributes, initialSectionUri);
+            }
+
+            auto key = keyAttributes.begin();
+            for (std::size_t position = 0; position < fragments.size(); ++position) {
+                auto& fragment = *fragments[position];
+                while (key != keyAttributes.end() && key->first < static_cast<long>(position))
+                    ++key;
+                if (key != keyAttributes.end() && key->first == static_cast<long>(position)) {
+                    out += '\n';
+                    out += rawValue(Ext::xKey);
+                    out += ':';
+                    appendAttributes(out, key->second);
+                }
+                index = *sequence + static_cast<std::int64_t>(position); // cannot overflow, as checked above
+                fragment.index.set(index);
+                const auto length = fragment.length();
+                std::optional<std::int64_t> offset;
+                if (length) offset = fragment.offset();
+                char buffer[bufferSize];
+                char* cursor = buffer;
+                write(cursor, "\n");
+                write(cursor, rawValue(Ext::inf));
+                write(cursor, ":");
+                writeSeconds(cursor, *fragment.duration());
+                if (length) {
+                    write(cursor, "\n");
+                    write(cursor, rawValue(Ext::xByteRange));
+                    write(cursor, ":");
+                    writeInteger(cursor, *length);
+                    if (offset) {
+                        *cursor++ = '@';
+                        writeInteger(cursor, *offset);
+                    }
+                }
+                write(cursor, segmentLineStart);
+                cursor = RewrittenUrl::writeSegmentName(cursor, index);
+                out.append(buffer, std::size_t(cursor - buffer));
+                if (sink != nullptr && out.size() >= pieceSize) {
+                    (*sink)(out);
+                    out.clear();
+                }
+            }
+            if (!isLive) {
+                out += '\n';
+                out += rawValue(Ext::end);
+            }
+            return Outcome::written;
+        });
+    if (outcome == Outcome::noRoomForIndexes) {
+        OVALog(OVALogLevel::warning, "The EXT-X-MEDIA-SEQUENCE value leaves no room for the segment indexes.",
+               generateFunction, fileName, __LINE__);
+    } else if (outcome == Outcome::missingDuration) {
+        OVALog(OVALogLevel::warning, "The fragment duration is REQUIRED.", generateFunction, fileName, 133);
+    }
+    return outcome == Outcome::written;
 }
 
 } // namespace ovalto

@@ -23,10 +23,27 @@ std::shared_ptr<Representation> makeRepresentation(long stream = 1, std::int32_t
 }
 
 // Parses `source` into `representation` and generates; "<refused>" when the generator refuses.
+// Every playlist is also written through a sink in the smallest pieces, which must add up to the
+// same text, or hand over nothing at all for a refusal.
 std::string rewrite(Representation& representation, std::string_view source) {
     MediaPlayList media;
     if (!media.parsePlayList(source, base, representation)) return "<not parsed>";
-    return media.generatePlayList(representation).value_or("<refused>");
+    std::string streamed;
+    std::size_t pieces = 0;
+    const bool written = media.writePlayList(
+        representation,
+        [&](std::string_view piece) {
+            streamed += piece;
+            ++pieces;
+        },
+        1);
+    const auto generated = media.generatePlayList(representation);
+    EXPECT_EQ(written, generated.has_value());
+    EXPECT_EQ(streamed, generated.value_or("")) << source;
+    if (generated) {
+        EXPECT_GE(pieces, representation.fragments.get().size()) << source;
+    }
+    return generated.value_or("<refused>");
 }
 
 std::string rewrite(std::string_view source) {
@@ -85,10 +102,10 @@ TEST_F(MediaPlayListTest, RewritesSegmentsMapAndKeys) {
     ASSERT_EQ(fragments.size(), 2u);
     EXPECT_EQ(fragments[0]->index.get(), 120);
     EXPECT_EQ(fragments[1]->index.get(), 121);
-    EXPECT_EQ(milliseconds(fragments[0]->start), 0);
-    EXPECT_EQ(milliseconds(fragments[1]->start), 6006);
-    EXPECT_EQ(milliseconds(fragments[0]->duration), 6006);
-    EXPECT_EQ(milliseconds(fragments[1]->duration), 5500);
+    EXPECT_EQ(milliseconds(fragments[0]->start()), 0);
+    EXPECT_EQ(milliseconds(fragments[1]->start()), 6006);
+    EXPECT_EQ(milliseconds(fragments[0]->duration()), 6006);
+    EXPECT_EQ(milliseconds(fragments[1]->duration()), 5500);
     EXPECT_EQ(milliseconds(representation->start.get()), 11506);
     EXPECT_EQ(fragments[0]->url.get()->absoluteString(), "http://cdn.example.com/v/lo/seg120.m4s");
     EXPECT_EQ(representation->keyAttributes.get().at(0).value("URI"), "\"skd://k1\"");
@@ -209,8 +226,8 @@ TEST_F(MediaPlayListTest, LiveReloadContinuesTheRunningStartAndTheMediaSequence)
     const auto fragments = representation->fragments.get();
     ASSERT_EQ(fragments.size(), 3u);
     // The running time goes on from where the previous list ended, overlap and all.
-    EXPECT_EQ(milliseconds(fragments[0]->start), 18000);
-    EXPECT_EQ(milliseconds(fragments[2]->start), 30000);
+    EXPECT_EQ(milliseconds(fragments[0]->start()), 18000);
+    EXPECT_EQ(milliseconds(fragments[2]->start()), 30000);
     EXPECT_EQ(milliseconds(representation->start.get()), 36000);
     EXPECT_TRUE(representation->isLive.get());
 
@@ -240,14 +257,14 @@ TEST_F(MediaPlayListTest, FragmentsCarryByteRangesAndUnreadableDurationsStayEmpt
                                     base, *representation));
     const auto fragments = representation->fragments.get();
     ASSERT_EQ(fragments.size(), 3u);
-    EXPECT_EQ(fragments[0]->length, 1000);
-    EXPECT_EQ(fragments[0]->offset, 2000);
-    EXPECT_EQ(fragments[1]->length, 500);
-    EXPECT_FALSE(fragments[1]->offset);
-    EXPECT_FALSE(fragments[1]->duration);
-    EXPECT_FALSE(fragments[1]->start);
+    EXPECT_EQ(fragments[0]->length(), 1000);
+    EXPECT_EQ(fragments[0]->offset(), 2000);
+    EXPECT_EQ(fragments[1]->length(), 500);
+    EXPECT_FALSE(fragments[1]->offset());
+    EXPECT_FALSE(fragments[1]->duration());
+    EXPECT_FALSE(fragments[1]->start());
     // The segment without a duration does not move the running time.
-    EXPECT_EQ(milliseconds(fragments[2]->start), 2500);
+    EXPECT_EQ(milliseconds(fragments[2]->start()), 2500);
 }
 
 // Fragments make their URLs from the segment lines when read: they must outlive the text that

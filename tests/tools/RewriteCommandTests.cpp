@@ -87,6 +87,9 @@ TEST(RewriteCommandTest, ExplainsEveryFailureOnStandardError) {
     const std::filesystem::path notPlaylist =
         std::filesystem::temp_directory_path() / "ovalto-rewrite-page.html";
     std::ofstream(notPlaylist) << "<html><body>Moved</body></html>\n";
+    // An empty file cannot be mapped: it is read instead.
+    const std::filesystem::path empty = std::filesystem::temp_directory_path() / "ovalto-rewrite-empty.m3u8";
+    std::ofstream{empty};
     struct Case {
         std::vector<std::string> args;
         int status;
@@ -97,6 +100,7 @@ TEST(RewriteCommandTest, ExplainsEveryFailureOnStandardError) {
               1,
               "ovalto rewrite: cannot read /nonexistent/master.m3u8: No such file"},
              {{notPlaylist.string()}, 1, "this is not an HLS playlist: it does not begin with #EXT"},
+             {{empty.string()}, 1, "this is not an HLS playlist: it does not begin with #EXT"},
              {{(playlists / "media_unreadable_duration.m3u8").string()},
               1,
               "the library refuses to write this media playlist: The fragment duration is REQUIRED.\n"},
@@ -116,6 +120,7 @@ TEST(RewriteCommandTest, ExplainsEveryFailureOnStandardError) {
         EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
     }
     std::filesystem::remove(notPlaylist);
+    std::filesystem::remove(empty);
 }
 
 TEST(RewriteCommandTest, ShowsTheLibrarysWarningsBesideTheResult) {

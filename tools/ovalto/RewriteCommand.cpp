@@ -15,11 +15,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
+#include <fcntl.h>
+#include <functional>
 #include <iostream>
+#include <memory>
 #include <mutex>
 #include <sstream>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
 
 namespace ovalto::tool {
 
@@ -96,10 +101,46 @@ bool isWarning(const std::string& line) {
     return line.starts_with("[Warning ") || line.starts_with("[Error ");
 }
 
+// A file's bytes mapped read-only: no copy, and the kernel maps the cached pages in one pass
+// instead of a fault per page, which on a long playlist costs more than parsing it.
+class FileMapping {
+public:
+    FileMapping() = default;
+    FileMapping(const FileMapping&) = delete;
+    FileMapping& operator=(const FileMapping&) = delete;
+    ~FileMapping() {
+        if (address_ != MAP_FAILED) ::munmap(address_, size_);
+    }
+
+    // False (errno set) when `descriptor` cannot be mapped: an empty file, a pipe.
+    bool map(int descriptor, std::size_t size) {
+        if (size == 0) return false;
+        void* address = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, descriptor, 0);
+        if (address == MAP_FAILED) return false;
+        address_ = address;
+        size_ = size;
+        return true;
+    }
+    std::string_view text() const {
+        return address_ == MAP_FAILED ? std::string_view()
+                                      : std::string_view(static_cast<const char*>(address_), size_);
+    }
+
+private:
+    void* address_ = MAP_FAILED;
+    std::size_t size_ = 0;
+};
+
+// The playlist's bytes, in `copy` or `mapping`.
 struct Input {
-    std::optional<std::string> text;
+    std::optional<std::string> copy;
+    std::unique_ptr<FileMapping> mapping;
     std::optional<platform::Url> url; // where it came from
     std::string error;
+
+    bool hasText() const { return copy || mapping; }
+    std::string_view text() const { return mapping ? mapping->text() : std::string_view(*copy); }
+    void keep(std::string bytes) { copy = std::move(bytes); }
 };
 
 Input download(const platform::Url& url) {
@@ -121,35 +162,43 @@ Input download(const platform::Url& url) {
     } else if (!result.value || !result.value->first) {
         input.error = "no playlist came back from " + url.absoluteString();
     } else {
-        input.text = *result.value->first;
+        input.keep(*result.value->first);
     }
     return input;
 }
 
 Input readInputFile(const std::string& path) {
     Input input;
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0) {
         input.error = "cannot read " + path + ": " + std::strerror(errno);
         return input;
     }
-    // Straight into a string of the file's size: a stream buffer would hold the text twice or
-    // three times over while it grows, and a rewrite's peak memory is mostly this text.
+    struct stat status {};
+    auto mapping = std::make_unique<FileMapping>();
+    if (::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
+        mapping->map(descriptor, static_cast<std::size_t>(status.st_size))) {
+        ::close(descriptor);
+        input.mapping = std::move(mapping);
+        input.url = platform::Url::fileUrl(path);
+        return input;
+    }
+    // Anything else (an empty file, a pipe) is read to its end.
     std::string text;
-    std::error_code sizeError;
-    const auto size = std::filesystem::file_size(path, sizeError);
-    if (!sizeError) text.resize(size);
-    file.read(text.data(), static_cast<std::streamsize>(text.size()));
-    text.resize(static_cast<std::size_t>(file.gcount()));
-    // A file that grew since, or one without a size (a pipe), is read on to its end.
     char chunk[65536];
-    while (file.read(chunk, sizeof chunk) || file.gcount() > 0)
-        text.append(chunk, static_cast<std::size_t>(file.gcount()));
-    if (file.bad()) {
-        input.error = "cannot read " + path + ": " + std::strerror(errno);
-        return input;
+    for (;;) {
+        const ssize_t count = ::read(descriptor, chunk, sizeof chunk);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) {
+            input.error = "cannot read " + path + ": " + std::strerror(errno);
+            ::close(descriptor);
+            return input;
+        }
+        if (count == 0) break;
+        text.append(chunk, static_cast<std::size_t>(count));
     }
-    input.text = std::move(text);
+    ::close(descriptor);
+    input.keep(std::move(text));
     input.url = platform::Url::fileUrl(path);
     return input;
 }
@@ -165,7 +214,7 @@ template <class T> std::optional<T> integerArgument(const std::string& text) {
 } // namespace
 
 Rewritten rewritePlayList(std::string_view text, const platform::Url& baseUrl, long stream,
-                          std::int32_t bitrate) {
+                          std::int32_t bitrate, const std::function<void(std::string_view)>* sink) {
     Rewritten result;
     if (!playlisttext::isValidUtf8(text)) {
         result.error = "this is not UTF-8 text, so not an HLS playlist";
@@ -182,19 +231,30 @@ Rewritten rewritePlayList(std::string_view text, const platform::Url& baseUrl, l
         MasterPlayList master;
         if (master.parsePlayList(text, baseUrl, presentation))
             result.playList = master.generatePlayList(presentation);
+        result.written = result.playList.has_value();
+        if (sink != nullptr && result.playList) (*sink)(*std::exchange(result.playList, std::nullopt));
     } else {
         Representation representation;
         representation.streamIndex.set(stream);
         representation.bitrate.set(bitrate);
         MediaPlayList media;
-        if (media.parsePlayList(text, baseUrl, representation))
-            result.playList = media.generatePlayList(representation);
+        if (media.parsePlayList(text, baseUrl, representation)) {
+            // Unless the debug log is to show it, a long playlist goes out as it is written.
+            if (sink != nullptr && OVALogThreshold.load() > OVALogLevel::debug) {
+                result.written = media.writePlayList(representation, *sink);
+            } else {
+                result.playList = media.generatePlayList(representation);
+                result.written = result.playList.has_value();
+                if (sink != nullptr && result.playList)
+                    (*sink)(*std::exchange(result.playList, std::nullopt));
+            }
+        }
     }
     result.log = log.lines();
     for (const auto& line : result.log) {
         if (isWarning(line)) result.warnings.push_back(messageOf(line));
     }
-    if (!result.playList) {
+    if (!result.written) {
         result.error = std::string("the library refuses to write this ") +
                        (result.isMaster ? "master" : "media") + " playlist";
         if (!result.warnings.empty()) result.error += ": " + result.warnings.back();
@@ -294,7 +354,7 @@ int rewriteCommand(const std::vector<std::string>& args, std::ostream& out, std:
     } else {
         input = readInputFile(*source);
     }
-    if (!input.text) {
+    if (!input.hasText()) {
         err << "ovalto rewrite: " << input.error << "\n";
         return 1;
     }
@@ -302,24 +362,29 @@ int rewriteCommand(const std::vector<std::string>& args, std::ostream& out, std:
     // The debug log holds the whole playlist twice; only --verbose wants it.
     const OVALogLevel savedLevel = Ovalto::logLevel.load();
     Ovalto::logLevel = verbose ? OVALogLevel::debug : OVALogLevel::warning;
-    const Rewritten result = rewritePlayList(*input.text, baseUrl ? *baseUrl : *input.url, stream, bitrate);
+    // The playlist is printed as it is written; nothing is when the library refuses it.
+    const std::function<void(std::string_view)> print = [&out](std::string_view piece) {
+        out.write(piece.data(), static_cast<std::streamsize>(piece.size()));
+    };
+    const Rewritten result =
+        rewritePlayList(input.text(), baseUrl ? *baseUrl : *input.url, stream, bitrate, &print);
     Ovalto::logLevel = savedLevel;
+    if (result.written) out << "\n";
     if (verbose) {
         for (const auto& line : result.log)
             err << line << "\n";
     } else {
         // A refusal's own warning is told once, in the error below.
         const std::size_t told =
-            result.playList ? result.warnings.size()
-                            : result.warnings.size() - std::min<std::size_t>(result.warnings.size(), 1);
+            result.written ? result.warnings.size()
+                           : result.warnings.size() - std::min<std::size_t>(result.warnings.size(), 1);
         for (std::size_t i = 0; i < told; ++i)
             err << "ovalto rewrite: warning: " << result.warnings[i] << "\n";
     }
-    if (!result.playList) {
+    if (!result.written) {
         err << "ovalto rewrite: " << *source << ": " << result.error << "\n";
         return 1;
     }
-    out << *result.playList << "\n";
     return 0;
 }
 
