@@ -261,7 +261,9 @@ struct Origin::Impl {
         response.status = reply.status;
         if (!content || reply.status < 200 || reply.status > 299) return;
         if (live(request.path)) response.set_header("Cache-Control", "no-cache");
-        auto [body, type] = std::move(*content);
+        // Named variables, not a structured binding: the lambdas below capture them.
+        std::string body = std::move(content->first);
+        const std::string type = std::move(content->second);
         if (reply.fault == Fault::truncate) {
             response.set_content_provider(body.size(), type,
                                           [body](std::size_t, std::size_t, httplib::DataSink& sink) {
