@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 using namespace ovalto::platform;
@@ -120,10 +121,14 @@ TEST_F(CookieStorageTest, StoresReplacesAndExpires) {
 
 TEST_F(CookieStorageTest, IsSafeFromSeveralThreads) {
     const Url site = url("http://example.com/");
+    std::atomic<int> ready{0}; // all start together, so that they meet in the storage
     std::vector<std::jthread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
-            for (int i = 0; i < 200; ++i) {
+            ++ready;
+            while (ready.load() < 4)
+                std::this_thread::yield();
+            for (int i = 0; i < 500; ++i) {
                 storage.setCookies({*Cookie::make("c" + std::to_string(t), std::to_string(i))}, site);
                 (void)storage.headerValue(site);
             }

@@ -85,10 +85,16 @@ TEST(NotificationCenter, PostsAndRegistrationsFromManyThreads) {
     NotificationCenter center;
     std::atomic<int> delivered{0};
     center.addObserver("load", {}, [&](const Notification&) { ++delivered; });
+    // All threads start together: one that ran its loop before the next one started would
+    // never meet another in the center.
+    std::atomic<int> ready{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&] {
-            for (int i = 0; i < 200; ++i) {
+            ++ready;
+            while (ready.load() < 4)
+                std::this_thread::yield();
+            for (int i = 0; i < 500; ++i) {
                 auto token = center.addObserver("other", {}, [](const Notification&) {});
                 center.post("load");
                 center.removeObserver(token);
@@ -97,7 +103,7 @@ TEST(NotificationCenter, PostsAndRegistrationsFromManyThreads) {
     }
     for (auto& thread : threads)
         thread.join();
-    EXPECT_EQ(delivered, 800);
+    EXPECT_EQ(delivered, 2000);
 }
 
 } // namespace
