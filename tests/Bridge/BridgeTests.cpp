@@ -50,14 +50,20 @@ protected:
         origin.publish("vod", vod);
         edge.publish("vod", vod);
         facade = Ovalto::create();
+        ASSERT_TRUE(prepare("/vod/master.m3u8"));
+        facade->setEdgeList({{1, edge.url("/vod")}});
+        startBridge({});
+    }
+
+    // Prepares the facade with the origin's `path` and waits for the notification.
+    bool prepare(const std::string& path) {
         bool prepared = false;
         auto token = platform::NotificationCenter::defaultCenter().addObserver(
             OvaltoPreparationNotification, facade, [&](const platform::Notification&) { prepared = true; });
-        facade->prepare(*platform::Url::parse(origin.url("/vod/master.m3u8")));
-        ASSERT_TRUE(runUntil([&] { return prepared; }));
+        facade->prepare(*platform::Url::parse(origin.url(path)));
+        const bool done = runUntil([&] { return prepared; });
         platform::NotificationCenter::defaultCenter().removeObserver(token);
-        facade->setEdgeList({{1, edge.url("/vod")}});
-        startBridge({});
+        return done;
     }
 
     void startBridge(Bridge::Options options) {
@@ -201,12 +207,7 @@ TEST_F(BridgeTest, ServesTheNewPresentationAfterPreparingAgain) {
     HlsOrigin::Vod longer;
     longer.segments = 6;
     origin.publish("longer", longer);
-    bool prepared = false;
-    auto token = platform::NotificationCenter::defaultCenter().addObserver(
-        OvaltoPreparationNotification, facade, [&](const platform::Notification&) { prepared = true; });
-    facade->prepare(*platform::Url::parse(origin.url("/longer/master.m3u8")));
-    ASSERT_TRUE(runUntil([&] { return prepared; }));
-    platform::NotificationCenter::defaultCenter().removeObserver(token);
+    ASSERT_TRUE(prepare("/longer/master.m3u8"));
 
     auto master = client.Get("/cplp/local/master.m3u8");
     ASSERT_TRUE(master && master->status == 200);
