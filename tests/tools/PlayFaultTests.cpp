@@ -1,6 +1,7 @@
 // `ovalto play` against an origin that misbehaves: the tool ends with the engine's verdict as soon
 // as the library gives it, and with --json standard output stays one JSON object per line.
 #include "Command.h"
+#include "support/CapturedStreams.h"
 #include "support/TestOrigin.h"
 
 #include <gtest/gtest.h>
@@ -33,15 +34,17 @@ struct Run {
 
 // Runs `ovalto play URL --json` in this process, standard output and error captured.
 Run playJson(const std::string& url) {
-    std::ostringstream out, err;
-    auto* savedOut = std::cout.rdbuf(out.rdbuf());
-    auto* savedErr = std::cerr.rdbuf(err.rdbuf());
     Run run;
-    // The timeout only guards against a hang: every case ends long before it.
-    run.status = tool::findCommand("play")->run({url, "--json", "--timeout", "30", "--log-level", "silent"});
-    std::cout.rdbuf(savedOut);
-    std::cerr.rdbuf(savedErr);
-    std::istringstream lines(out.str());
+    std::string out;
+    {
+        test::CapturedStreams streams;
+        // The timeout only guards against a hang: every case ends long before it.
+        run.status =
+            tool::findCommand("play")->run({url, "--json", "--timeout", "30", "--log-level", "silent"});
+        out = streams.out();
+        run.err = streams.err();
+    }
+    std::istringstream lines(out);
     for (std::string line; std::getline(lines, line);) {
         auto parsed = nlohmann::json::parse(line, nullptr, false);
         if (parsed.is_discarded() || !parsed.is_object())
@@ -49,7 +52,6 @@ Run playJson(const std::string& url) {
         else
             run.events.push_back(std::move(parsed));
     }
-    run.err = err.str();
     return run;
 }
 

@@ -3,6 +3,7 @@
 // library chose, the playlists from the origin through the library's listener.
 #include "Command.h"
 #include "Origin.h"
+#include "support/CapturedStreams.h"
 
 #include <gtest/gtest.h>
 
@@ -85,14 +86,17 @@ TEST_P(RealClientTest, PlaysThroughTheBridgeFromTheChosenEdge) {
 
     std::string command = row.command;
     command.replace(command.find("{out}"), 5, (directory / "out").string());
-    std::ostringstream timeline;
-    auto* saved = std::cout.rdbuf(timeline.rdbuf());
-    const int status =
-        findCommand("bridge")->run({origin.origin->baseUrl() + "master.m3u8", "--edge", "1=" + edgeUrl,
-                                    "--log-level", "silent", "--exec", "timeout 60 " + command});
-    std::cout.rdbuf(saved);
+    int status = -1;
+    std::string timeline;
+    {
+        ovalto::test::CapturedStreams streams;
+        status =
+            findCommand("bridge")->run({origin.origin->baseUrl() + "master.m3u8", "--edge", "1=" + edgeUrl,
+                                        "--log-level", "silent", "--exec", "timeout 60 " + command});
+        timeline = streams.out() + streams.err();
+    }
 
-    EXPECT_EQ(status, 0) << row.what << "\n" << timeline.str();
+    EXPECT_EQ(status, 0) << row.what << "\n" << timeline;
     row.check(directory);
     // Segments from the edge only; the origin served the playlists (to the library) and the
     // initialisation sections, which are never moved.
@@ -100,8 +104,8 @@ TEST_P(RealClientTest, PlaysThroughTheBridgeFromTheChosenEdge) {
     EXPECT_EQ(origin.count(".m4s"), 0) << row.what;
     EXPECT_EQ(edge.count(".m3u8"), 0) << row.what;
     EXPECT_GT(origin.count(".m3u8"), 0) << row.what;
-    EXPECT_NE(timeline.str().find("manifest request"), std::string::npos) << row.what;
-    EXPECT_NE(timeline.str().find("GET /cplp/local/master.m3u8 20"), std::string::npos) << row.what;
+    EXPECT_NE(timeline.find("manifest request"), std::string::npos) << row.what;
+    EXPECT_NE(timeline.find("GET /cplp/local/master.m3u8 20"), std::string::npos) << row.what;
     std::filesystem::remove_all(directory);
 }
 

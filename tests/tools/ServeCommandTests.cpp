@@ -2,6 +2,7 @@
 // reason, and a scripted outage takes the origin away and brings it back.
 #include "Command.h"
 #include "Origin.h"
+#include "support/CapturedStreams.h"
 
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -15,28 +16,10 @@
 #include <thread>
 
 using namespace ovalto::tool;
+using ovalto::test::CapturedStreams;
 using namespace std::chrono_literals;
 
 namespace {
-
-// Standard output and error of a command run in this process.
-class CapturedStreams {
-public:
-    CapturedStreams()
-        : out_(std::cout.rdbuf(outText_.rdbuf()))
-        , err_(std::cerr.rdbuf(errText_.rdbuf())) {}
-    ~CapturedStreams() {
-        std::cout.rdbuf(out_);
-        std::cerr.rdbuf(err_);
-    }
-    std::string out() const { return outText_.str(); }
-    std::string err() const { return errText_.str(); }
-
-private:
-    std::ostringstream outText_, errText_;
-    std::streambuf* out_;
-    std::streambuf* err_;
-};
 
 int freePort() {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
