@@ -2,6 +2,7 @@
 
 #include "API/OvaltoAccess.h"
 #include "Bridge/BridgeUrl.h"
+#include "Bridge/ExclusivePort.h"
 #include "Resources/ResourceType.h"
 #include "ovalto/OVALog.h"
 #include "ovalto/Ovalto.h"
@@ -12,7 +13,6 @@
 
 #include <httplib.h>
 #include <strings.h>
-#include <sys/socket.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -93,6 +93,7 @@ struct Bridge::Impl {
     std::weak_ptr<Ovalto> ovalto;
     Options options;
     httplib::Server server;
+    ExclusivePort exclusive{server}; // a taken port fails, not shared
     std::thread thread;
     std::atomic<bool> listening{false}; // until the server's thread has left its accept loop
     int port = 0;
@@ -323,13 +324,6 @@ std::optional<platform::Error> Bridge::start() {
     server.new_task_queue = [threads] { return std::make_unique<httplib::ThreadPool>(threads).release(); };
     server.set_keep_alive_max_count(1000);
     server.set_tcp_nodelay(true);
-    // Without the default SO_REUSEPORT: a second server on a taken port must fail, not share it.
-    int listening = -1;
-    server.set_socket_options([&listening](int socket) {
-        int yes = 1;
-        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-        listening = socket;
-    });
     // A client that stops reading frees its thread after this long.
     server.set_write_timeout(5, 0);
     Impl* self = impl_.get();
@@ -346,9 +340,7 @@ std::optional<platform::Error> Bridge::start() {
                                {}};
     }
     impl.port = port;
-    // httplib listens with a backlog of 5: a player opening a connection per rendition, or a
-    // few players at once, overflow it and wait a second for the SYN to be sent again.
-    ::listen(listening, SOMAXCONN);
+    impl.exclusive.deepen();
     {
         std::lock_guard lock(impl.mutex);
         impl.stopping = false;

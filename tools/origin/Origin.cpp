@@ -1,6 +1,6 @@
 #include "Origin.h"
 
-#include "ExclusivePort.h"
+#include "Bridge/ExclusivePort.h"
 
 #include <httplib.h>
 #include <netinet/in.h>

@@ -1,6 +1,6 @@
 #include "LicenseServer.h"
 
-#include "ExclusivePort.h"
+#include "Bridge/ExclusivePort.h"
 
 #include "Utils/Base64.h"
 #include "platform/KeyExchange.h"

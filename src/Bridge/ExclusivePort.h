@@ -4,7 +4,7 @@ namespace httplib {
 class Server;
 }
 
-namespace ovalto::tool {
+namespace ovalto {
 
 // httplib binds with SO_REUSEPORT, so a second server started on a taken port shares it silently
 // and the kernel splits the clients between the two; and it listens with a backlog of 5, which a
@@ -22,4 +22,4 @@ private:
     int socket_ = -1;
 };
 
-} // namespace ovalto::tool
+} // namespace ovalto

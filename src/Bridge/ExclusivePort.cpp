@@ -1,9 +1,9 @@
-#include "ExclusivePort.h"
+#include "Bridge/ExclusivePort.h"
 
 #include <httplib.h>
 #include <sys/socket.h>
 
-namespace ovalto::tool {
+namespace ovalto {
 
 ExclusivePort::ExclusivePort(httplib::Server& server) {
     server.set_socket_options([this](int socket) {
@@ -17,4 +17,4 @@ void ExclusivePort::deepen() const {
     if (socket_ >= 0) ::listen(socket_, SOMAXCONN);
 }
 
-} // namespace ovalto::tool
+} // namespace ovalto
