@@ -1,5 +1,7 @@
 #include "platform/KeyValueStore.h"
 
+#include "platform/CHandle.h"
+
 #include "platform/NoDestructor.h"
 #include "platform/SystemLog.h"
 
@@ -16,14 +18,8 @@ namespace ovalto::platform {
 
 namespace {
 
-struct CloseDatabase {
-    void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
-};
-struct FinalizeStatement {
-    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-};
-using Database = std::unique_ptr<sqlite3, CloseDatabase>;
-using Statement = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
+using Database = CHandle<sqlite3, sqlite3_close_v2>;
+using Statement = CHandle<sqlite3_stmt, sqlite3_finalize>;
 
 // Leaves a shared prepared statement ready for its next use, whatever happened.
 struct ResetOnExit {

@@ -1,5 +1,7 @@
 #include "platform/TextView.h"
 
+#include "platform/CHandle.h"
+
 #include <pango/pangocairo.h>
 
 #include <algorithm>
@@ -11,19 +13,9 @@ namespace ovalto::platform {
 
 namespace {
 
-template <class T, void (*Free)(T*)> struct Deleter {
-    void operator()(T* pointer) const { Free(pointer); }
-};
-void unrefObject(PangoLayout* layout) {
-    g_object_unref(layout);
-}
-void unrefContext(PangoContext* context) {
-    g_object_unref(context);
-}
-using LayoutPtr = std::unique_ptr<PangoLayout, Deleter<PangoLayout, unrefObject>>;
-using ContextPtr = std::unique_ptr<PangoContext, Deleter<PangoContext, unrefContext>>;
-using FontPtr =
-    std::unique_ptr<PangoFontDescription, Deleter<PangoFontDescription, pango_font_description_free>>;
+using LayoutPtr = CHandle<PangoLayout, g_object_unref>;
+using ContextPtr = CHandle<PangoContext, g_object_unref>;
+using FontPtr = CHandle<PangoFontDescription, pango_font_description_free>;
 
 FontPtr fontDescription(const Font& font) {
     FontPtr description(pango_font_description_new());

@@ -1,5 +1,7 @@
 #include "platform/UrlSession.h"
 
+#include "platform/CHandle.h"
+
 #include "platform/Cookie.h"
 
 #include <curl/curl.h>
@@ -97,19 +99,6 @@ std::optional<std::string> mimeTypeOf(const HeaderFields& headers) {
     return type;
 }
 
-struct EasyDeleter {
-    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
-};
-struct MultiDeleter {
-    void operator()(CURLM* handle) const { curl_multi_cleanup(handle); }
-};
-struct ShareDeleter {
-    void operator()(CURLSH* handle) const { curl_share_cleanup(handle); }
-};
-struct SlistDeleter {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
-
 } // namespace
 
 struct UrlSessionDataTask::State {
@@ -129,8 +118,8 @@ struct UrlSession::Impl {
 // One HTTP transfer in flight; owned by the transport from start to finish.
 struct Transfer {
     std::shared_ptr<UrlSessionDataTask> task;
-    std::unique_ptr<CURL, EasyDeleter> easy;
-    std::unique_ptr<curl_slist, SlistDeleter> headerList;
+    CHandle<CURL, curl_easy_cleanup> easy;
+    CHandle<curl_slist, curl_slist_free_all> headerList;
     Data requestBody; // curl reads the body from here while sending
     Data body;
     std::vector<std::pair<std::string, std::string>> responseHeaders; // of the latest response
@@ -389,8 +378,8 @@ private:
     }
 
     std::array<std::mutex, CURL_LOCK_DATA_LAST> shareLocks_;
-    std::unique_ptr<CURLSH, ShareDeleter> share_;
-    std::unique_ptr<CURLM, MultiDeleter> multi_;
+    CHandle<CURLSH, curl_share_cleanup> share_;
+    CHandle<CURLM, curl_multi_cleanup> multi_;
     std::mutex mutex_;
     bool stopping_ = false;
     std::vector<std::unique_ptr<Transfer>> incoming_;

@@ -4,6 +4,7 @@
 #include "TimedText/TextDecoder.h"
 #include "TimedText/TimeKey.h"
 #include "ovalto/OVALog.h"
+#include "platform/CHandle.h"
 
 // Debian's expat is built with DTD support; the header declares the entity-expansion limits only
 // when told so.
@@ -65,10 +66,7 @@ std::optional<std::string> convertedForExpat(std::string_view document) {
 }
 
 // The expat parser of one parse, freed however the parse ends.
-struct ParserDeleter {
-    void operator()(XML_ParserStruct* parser) const { XML_ParserFree(parser); }
-};
-using Parser = std::unique_ptr<XML_ParserStruct, ParserDeleter>;
+using Parser = platform::CHandle<XML_ParserStruct, XML_ParserFree>;
 
 // What the expat callbacks need: the receiving object, the parser to stop, and a CDATA section
 // being collected (expat delivers its text through the character handler).
