@@ -119,7 +119,6 @@ bool runUntil(const std::function<bool()>& done, std::chrono::seconds limit = 20
 struct Outcome {
     bool prepared = false;
     std::optional<platform::Error> error;
-    bool objectWasFacade = false;
 };
 
 // `afterCall` runs right after prepare() has returned.
@@ -132,7 +131,7 @@ Outcome prepare(
         center.addObserver(OvaltoPreparationNotification, {},
                            [&](const platform::Notification& note) {
                                outcome.prepared = true;
-                               outcome.objectWasFacade = note.object == facade;
+                               EXPECT_EQ(note.object, facade);
                            }),
         center.addObserver(OvaltoErrorNotification, facade, [&](const platform::Notification& note) {
             if (!outcome.error)
@@ -189,7 +188,6 @@ TEST_F(FacadeTest, HlsIsPreparedThroughTheLoaderWithTheConfigurationOfThatMoment
         facade->configurations[ConfigurationKey::httpHeaders] = Headers{{"X-Test", "second"}};
     });
     ASSERT_TRUE(outcome.prepared);
-    EXPECT_TRUE(outcome.objectWasFacade);
     EXPECT_EQ(listener->prepares.load(), 1);
     auto item = facade->playerItem();
     ASSERT_TRUE(item);
@@ -254,10 +252,13 @@ TEST_F(FacadeTest, NonHlsAndFileUrlsArePlayedDirectly) {
     EXPECT_EQ(origin.requests().size(), before) << "a file URL is not probed";
 }
 
-TEST_F(FacadeTest, ConfiguredAndServerCookiesGoOnceWithEveryRequest) {
+// One playback: the audio selected last is the one fetched, and the configured cookies and the
+// server's go once with every request.
+TEST_F(FacadeTest, TracksAreSelectedAndCookiesGoOnceWithEveryRequest) {
     platform::CookieStorage::shared().removeAll();
     origin.knobs.with([](auto& knobs) { knobs.setCookie = "srv=1; Path=/"; });
     auto facade = Ovalto::create();
+    EXPECT_TRUE(facade->tracks(MediaType::audio).empty()) << "nothing before preparation";
     facade->configurations[ConfigurationKey::httpHeaders] = Headers{{"Cookie", "a=1; b=2;c"}};
     ASSERT_TRUE(prepare(facade, origin.url("/master.m3u8")).prepared);
     std::vector<std::string> names;
@@ -265,7 +266,14 @@ TEST_F(FacadeTest, ConfiguredAndServerCookiesGoOnceWithEveryRequest) {
          platform::CookieStorage::shared().cookies(*platform::Url::parse(origin.url("/"))))
         names.push_back(cookie.name);
     EXPECT_EQ(names, (std::vector<std::string>{"a", " b", "srv"}));
+    EXPECT_EQ(facade->tracks(MediaType::audio), (std::vector<std::string>{"English", "Japanese"}));
+    EXPECT_EQ(facade->tracks(MediaType::text), (std::vector<std::string>{"English"}));
+    facade->selectTrack(-1, MediaType::audio);
+    facade->selectTrack(2, MediaType::audio);
+    facade->selectTrack(1, MediaType::audio);
     EXPECT_TRUE(play(facade->playerItem()));
+    EXPECT_GT(origin.count("/audio/ja/seg"), 0);
+    EXPECT_EQ(origin.count("/audio/en/seg"), 0);
 
     // The probe goes before the server has set its cookie; everything after carries it too.
     // Playlist requests add the configured header, segment requests the asset's cookies: both
@@ -331,20 +339,6 @@ TEST_F(FacadeTest, FragmentsAfterTheFirstAreReportedFromTheAccessLog) {
         EXPECT_EQ(std::tuple(response.downloadTime->timescale, response.duration->value),
                   std::tuple(1000, 2000));
     }
-}
-
-TEST_F(FacadeTest, TracksAreListedAndSelected) {
-    auto facade = Ovalto::create();
-    EXPECT_TRUE(facade->tracks(MediaType::audio).empty()) << "nothing before preparation";
-    ASSERT_TRUE(prepare(facade, origin.url("/master.m3u8")).prepared);
-    EXPECT_EQ(facade->tracks(MediaType::audio), (std::vector<std::string>{"English", "Japanese"}));
-    EXPECT_EQ(facade->tracks(MediaType::text), (std::vector<std::string>{"English"}));
-    facade->selectTrack(-1, MediaType::audio);
-    facade->selectTrack(2, MediaType::audio);
-    facade->selectTrack(1, MediaType::audio);
-    EXPECT_TRUE(play(facade->playerItem()));
-    EXPECT_GT(origin.count("/audio/ja/seg"), 0);
-    EXPECT_EQ(origin.count("/audio/en/seg"), 0);
 }
 
 TEST_F(FacadeTest, EveryPreparationEndsInOneNotificationWhenALaterOneReplacesIt) {

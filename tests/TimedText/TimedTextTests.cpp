@@ -28,8 +28,6 @@
 #include <fstream>
 #include <limits>
 #include <map>
-#include <mutex>
-#include <sstream>
 #include <thread>
 
 namespace ovalto {
@@ -411,19 +409,16 @@ protected:
         player->setRate(0);
         ASSERT_TRUE(runUntil([&] { return item->status() == platform::PlayerItem::Status::readyToPlay; }));
         engine->playerItem.set(item); // as a preparation would
-        const auto record = [this](Delivery delivery) {
-            deliveries.with([&](auto& all) { all.push_back(std::move(delivery)); });
+        const auto record = [this](std::string kind, std::string value, double time) {
+            const bool onMain = std::this_thread::get_id() == mainThread;
+            deliveries.with([&](auto& all) {
+                all.push_back({std::move(kind), std::move(value), time, onMain});
+            });
         };
-        facade->setOnTimedText([=, this](const platform::MediaTime& time, const std::string& text) {
-            record({"text", text, time.seconds(), std::this_thread::get_id() == mainThread});
+        facade->setOnTimedText([=](const platform::MediaTime& time, const std::string& text) {
+            record("text", text, time.seconds());
         });
-        facade->setOnTimedTextCue([=, this](const std::shared_ptr<Cue>& cue) {
-            record({"cue", cue->payload, 0, std::this_thread::get_id() == mainThread});
-        });
-    }
-    void TearDown() override {
-        player.reset();
-        facade.reset();
+        facade->setOnTimedTextCue([=](const std::shared_ptr<Cue>& cue) { record("cue", cue->payload, 0); });
     }
 
     // Drives the main run loop in short slices until `done`; the deadline only guards against a hang.
@@ -442,14 +437,15 @@ protected:
     }
     platform::Url write(const std::string& contents) { return files.emplace_back(contents).url(); }
 
+    // In this order so that the player goes first, then the facade, and the records last.
+    const std::thread::id mainThread = std::this_thread::get_id();
+    Guarded<std::vector<Delivery>> deliveries;
+    std::deque<TempFile> files;
     test::HlsOrigin origin;
     std::shared_ptr<platform::PlayerItem> item;
-    std::shared_ptr<platform::Player> player;
     std::shared_ptr<Ovalto> facade = Ovalto::create();
     std::shared_ptr<OvaltoInternal> engine = OvaltoAccess::engine(*facade);
-    const std::thread::id mainThread = std::this_thread::get_id();
-    std::deque<TempFile> files;
-    Guarded<std::vector<Delivery>> deliveries;
+    std::shared_ptr<platform::Player> player;
 };
 
 TEST_F(TimedTextDeliveryTest, ATickFindsOnlyTheExactHundredth) {
