@@ -79,34 +79,18 @@ TEST(JSONWriter, TextsReadBackAsWrittenAndNonUtf8IsRefused) {
     }
 }
 
-struct Inner {
-    std::optional<std::string> label;
-    std::vector<std::int32_t> values;
-    static constexpr auto jsonFields() {
-        return std::tuple{jsonField("label", &Inner::label), jsonField("values", &Inner::values)};
-    }
-};
-
-struct Outer {
+struct Record {
     std::uint64_t big = 0;
     bool flag = false;
-    std::vector<Inner> inners;
-    Inner single;
     static constexpr auto jsonFields() {
-        return std::tuple{jsonField("big", &Outer::big), jsonField("flag", &Outer::flag),
-                          jsonField("inners", &Outer::inners), jsonField("single", &Outer::single)};
+        return std::tuple{jsonField("big", &Record::big), jsonField("flag", &Record::flag)};
     }
 };
 
-TEST(JSONSerializable, FieldsInOrderNullsKeptEmptyArraysLeftOut) {
-    Outer outer{UINT64_MAX, true, {{"a", {1, -2}}, {std::nullopt, {}}}, {}};
-    EXPECT_EQ(toJSON(outer),
-              R"({"big":18446744073709551615,"flag":true,"inners":[{"label":"a","values":[1,-2]},)"
-              R"({"label":null}],"single":{"label":null}})");
-    outer.inners.clear();
-    EXPECT_EQ(toJSON(outer), R"({"big":18446744073709551615,"flag":true,"single":{"label":null}})");
-    outer.single.label = "\xff";
-    EXPECT_EQ(toJSON(outer), std::nullopt);
+// Field order, nulls, nested records, arrays left out when empty and refused text are seen in the
+// QoE manager's reports; these field types are not there.
+TEST(JSONSerializable, UnsignedAndBooleanFieldsKeepTheirForm) {
+    EXPECT_EQ(toJSON(Record{UINT64_MAX, true}), R"({"big":18446744073709551615,"flag":true})");
 }
 
 TEST(SubUrl, ResolvesPlaylistUris) {
