@@ -100,29 +100,20 @@ void drainMainQueue() {
     ASSERT_TRUE(platform::RunLoop::main().runFor(std::chrono::seconds(30), [&] { return done.load(); }));
 }
 
-// Collects the texts of the log notifications posted while it lives.
-struct EventMessages {
-    EventMessages() {
-        token = platform::NotificationCenter::defaultCenter().addObserver(
-            OvaltoLogNotification, {}, [this](const platform::Notification& note) {
-                EXPECT_EQ(note.object, nullptr);
-                const auto text = std::any_cast<std::string>(note.userInfo.at(OvaltoLog));
-                texts.with([&](auto& all) { all.push_back(text); });
-            });
-    }
-    ~EventMessages() { platform::NotificationCenter::defaultCenter().removeObserver(token); }
-
-    Guarded<std::vector<std::string>> texts;
-    platform::NotificationCenter::Token token = 0;
-};
-
 class QOEManagerTest : public ::testing::Test {
 protected:
     void SetUp() override {
         Ovalto::logLevel = OVALogLevel::warning;
         manager->setNivora(nivora);
+        token = platform::NotificationCenter::defaultCenter().addObserver(
+            OvaltoLogNotification, {}, [this](const platform::Notification& note) {
+                EXPECT_EQ(note.object, nullptr);
+                const auto text = std::any_cast<std::string>(note.userInfo.at(OvaltoLog));
+                messages.with([&](auto& all) { all.push_back(text); });
+            });
     }
     void TearDown() override {
+        platform::NotificationCenter::defaultCenter().removeObserver(token);
         manager->conclude();
         Ovalto::logLevel = OVALogLevel::debug;
     }
@@ -131,6 +122,9 @@ protected:
     std::shared_ptr<RecordingNivora> nivora = std::make_shared<RecordingNivora>();
     std::shared_ptr<QOEManager> manager = std::make_shared<QOEManager>(
         QOEManager::QOEReport({"Debian GNU/Linux", "12", "ovalto", "Linux", "0000-ID"}, {}));
+    // The texts of the log notifications (event messages) posted during the test.
+    Guarded<std::vector<std::string>> messages;
+    platform::NotificationCenter::Token token = 0;
 };
 
 ResponseInfo fragmentResponse(std::int32_t stream, std::int64_t index, std::string type = "video") {
@@ -192,7 +186,6 @@ TEST_F(QOEManagerTest, RequestRecordsReachThePluginAndComeBackConverted) {
 // logged; the fragment is in the report all the same.
 TEST_F(QOEManagerTest, FailingOrMissingHooksLeaveTheRecordAndAreLogged) {
     LogCapture log;
-    EventMessages messages;
     nivora->network->throws = true;
     nivora->network->rewrite = [](Request& request) { request.uri = "http://elsewhere.test/"; };
     RequestInfo info;
@@ -205,7 +198,7 @@ TEST_F(QOEManagerTest, FailingOrMissingHooksLeaveTheRecordAndAreLogged) {
               std::tuple("http://origin.test/master.m3u8", 30, 0u));
     EXPECT_TRUE(log.contains("[Error QOEManager.cpp|onManifestRequest(with:)|"));
     EXPECT_TRUE(log.contains("hook refused the request"));
-    EXPECT_TRUE(messages.texts.get().empty());
+    EXPECT_TRUE(messages.get().empty());
 
     log.clear();
     nivora->network.reset();
@@ -228,7 +221,6 @@ TEST_F(QOEManagerTest, FailingOrMissingHooksLeaveTheRecordAndAreLogged) {
 }
 
 TEST_F(QOEManagerTest, EventMessagesDescribeTheRecordsAfterTheHook) {
-    EventMessages messages;
     nivora->network->rewrite = [](Request& request) { request.uri += "?token=1"; };
     RequestInfo manifest, fragment;
     manifest.uri = "http://origin.test/master.m3u8";
@@ -243,7 +235,7 @@ TEST_F(QOEManagerTest, EventMessagesDescribeTheRecordsAfterTheHook) {
     manager->onFragmentResponse(fragmentWithEdge);
 
     EXPECT_EQ(
-        messages.texts.get(),
+        messages.get(),
         (std::vector<std::string>{
             "MP: onManfiestRequest\nMP: uri=Optional(\"http://origin.test/master.m3u8?token=1\")",
             "MP: onFragmentRequest\nMP: uri=Optional(\"http://origin.test/0.ts?token=1\")",
