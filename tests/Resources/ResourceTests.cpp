@@ -199,32 +199,6 @@ TEST_F(ResourceTest, AnswersAsTheAssetsDelegate) {
     EXPECT_EQ(sink->errors.get().size(), 3u);
 }
 
-TEST_F(ResourceTest, MasterAndMediaPassThroughWithRewrittenUris) {
-    servePresentation("live");
-    const auto master = fetch("cplp://local/master.m3u8");
-    ASSERT_EQ(master.kind, Kind::data);
-    for (const char* uri : {"0/0/media.m3u8", "1/800000/media.m3u8", "1/2000000/media.m3u8"})
-        EXPECT_NE(master.data.find(uri), std::string::npos) << uri << " in\n" << master.data;
-    EXPECT_EQ(master.data.find("index.m3u8"), std::string::npos) << master.data;
-
-    const auto media = fetch("cplp://local/1/800000/media.m3u8");
-    ASSERT_EQ(media.kind, Kind::data);
-    for (const char* uri :
-         {"rdtp://local/1/800000/-1.ts", "rdtp://local/1/800000/120.ts", "rdtp://local/1/800000/121.ts"})
-        EXPECT_NE(media.data.find(uri), std::string::npos) << uri << " in\n" << media.data;
-    EXPECT_EQ(media.data.find("seg120.ts"), std::string::npos) << media.data;
-    EXPECT_EQ(origin->requestCount("/live/sd/index.m3u8"), 1);
-
-    // The rewritten segment URIs come back to the loader and lead to the real segments.
-    Strings redirects;
-    for (const char* segment : {"rdtp://local/1/800000/121.ts", "rdtp://local/1/800000/-1.ts"}) {
-        const auto outcome = fetch(segment);
-        redirects.push_back(outcome.redirect ? outcome.redirect->url.absoluteString() : "<none>");
-    }
-    EXPECT_EQ(redirects, (Strings{origin->url("/live/sd/seg121.ts"), origin->url("/live/sd/init.mp4")}));
-    EXPECT_TRUE(sink->errors.get().empty());
-}
-
 TEST_F(ResourceTest, BodyThatIsNoPlaylistPassesUnchanged) {
     origin->serve("/junk/master.m3u8", "<html>maintenance</html>\n", "text/html");
     configure(origin->url("/junk/master.m3u8"));
