@@ -344,10 +344,6 @@ TEST_F(PlayListTest, GeneratedMediaPlaylists) {
                   "\"k2\"\n",
          head + "#EXT-X-KEY:METHOD=AES-128,URI=\"k1\",IV=0x01\n#EXTINF:4.0\nrdtp://local/1/800000/0.ts\n"
                 "#EXT-X-KEY:METHOD=NONE\n#EXTINF:4.0\nrdtp://local/1/800000/1.ts"},
-        {"sequence 0, three segments",
-         source + "#EXTINF:1,\na\n#EXTINF:2,\nb\n#EXTINF:3,\nc\n#EXT-X-ENDLIST\n",
-         head + "#EXTINF:1.0\nrdtp://local/1/800000/0.ts\n#EXTINF:2.0\nrdtp://local/1/800000/1.ts\n"
-                "#EXTINF:3.0\nrdtp://local/1/800000/2.ts\n#EXT-X-ENDLIST"},
         {"9.9999 s is kept as 9999 ms", source + "#EXTINF:9.9999,\na.ts\n",
          head + "#EXTINF:9.999\nrdtp://local/1/800000/0.ts"},
         {"durations read exactly as written, not through a binary double",
@@ -571,8 +567,6 @@ TEST(RewrittenUrl, WhatIsWrittenReadsBack) {
         EXPECT_EQ(RewrittenUrl::readPlayList(*media),
                   (Address{.isMaster = false, .stream = written.stream, .bitrate = written.bitrate}));
     }
-    EXPECT_EQ(RewrittenUrl::segment(1, 800000, 120), "rdtp://local/1/800000/120.ts");
-    EXPECT_EQ(RewrittenUrl::segment(1, 800000, -1), "rdtp://local/1/800000/-1.ts");
 }
 
 TEST(RewrittenUrl, ReadsTheSegmentPathsTheRedirectAccepts) {
