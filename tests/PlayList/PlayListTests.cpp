@@ -508,14 +508,11 @@ TEST_F(PlayListTest, EveryFixtureRewritesToItsExpectedFile) {
         if (path.extension() != ".m3u8" || !fs::exists(expected)) continue;
         const std::string name = path.filename().string();
         SCOPED_TRACE(name);
-        Master master;
-        std::string rewritten;
-        if (name.starts_with("master_")) {
-            master = rewriteMaster(read(path), masterUrl);
-            rewritten = master.parsed ? master.text : "<not parsed>";
-        } else {
-            rewritten = rewriteMedia(*placed(), read(path), mediaUrl);
-        }
+        const bool isMaster = name.starts_with("master_");
+        const Master master = isMaster ? rewriteMaster(read(path), masterUrl) : Master{};
+        const std::string rewritten = !isMaster       ? rewriteMedia(*placed(), read(path), mediaUrl)
+                                      : master.parsed ? master.text
+                                                      : "<not parsed>";
         // The expected files end with a newline, as text files do; the generators write none.
         EXPECT_EQ(rewritten + "\n", read(expected));
         ++compared;
@@ -533,18 +530,14 @@ TEST_F(PlayListTest, EveryFixtureRewritesToItsExpectedFile) {
 }
 
 TEST(RewrittenUrl, WhatIsWrittenReadsBack) {
-    constexpr auto int32Min = std::numeric_limits<std::int32_t>::min();
-    constexpr auto int32Max = std::numeric_limits<std::int32_t>::max();
-    constexpr auto int64Min = std::numeric_limits<std::int64_t>::min();
-    constexpr auto int64Max = std::numeric_limits<std::int64_t>::max();
-    const Segment samples[] = {
-        {0, 1500000, 0},
-        {1, 800000, 120},
-        {0, 0, RewrittenUrl::initialSection},
-        {14, int32Max, int64Max},
-        {std::numeric_limits<long>::max(), int32Min, int64Min},
-        {3, -5, -2},
-    };
+    using I32 = std::numeric_limits<std::int32_t>;
+    using I64 = std::numeric_limits<std::int64_t>;
+    const Segment samples[] = {{0, 1500000, 0},
+                               {1, 800000, 120},
+                               {0, 0, RewrittenUrl::initialSection},
+                               {14, I32::max(), I64::max()},
+                               {std::numeric_limits<long>::max(), I32::min(), I64::min()},
+                               {3, -5, -2}};
     const auto master = platform::Url::parse(RewrittenUrl::master);
     ASSERT_TRUE(master);
     EXPECT_EQ(RewrittenUrl::readPlayList(*master), Address{.isMaster = true});
