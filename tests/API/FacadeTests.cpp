@@ -12,6 +12,7 @@
 #include "platform/RunLoop.h"
 #include "support/LogCapture.h"
 #include "support/LoopbackServer.h"
+#include "support/MainLoop.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -25,6 +26,8 @@ using namespace ovalto;
 using namespace std::chrono_literals;
 
 namespace {
+
+using ovalto::test::runMainUntil;
 
 std::optional<std::string> readSample(const std::string& path) {
     std::ifstream file(std::string(OVALTO_SAMPLE_DIR) + path, std::ios::binary);
@@ -109,12 +112,6 @@ public:
 
 // Drives the main run loop until `done`. What `done` waits for may happen on another thread, so a
 // timer keeps the loop checking.
-bool runUntil(const std::function<bool()>& done, std::chrono::seconds limit = 20s) {
-    auto tick = platform::Timer::scheduledTimer(10ms, true, [](platform::Timer&) {});
-    bool result = platform::RunLoop::main().runUntil(done, std::chrono::steady_clock::now() + limit);
-    tick->invalidate();
-    return result;
-}
 
 // What one preparation ended with.
 struct Outcome {
@@ -140,7 +137,7 @@ Outcome prepare(
         })};
     facade->prepare(*platform::Url::parse(url));
     afterCall();
-    runUntil([&] { return outcome.prepared || outcome.error.has_value(); });
+    runMainUntil([&] { return outcome.prepared || outcome.error.has_value(); });
     for (auto token : tokens)
         center.removeObserver(token);
     return outcome;
@@ -157,7 +154,7 @@ bool play(const std::shared_ptr<platform::PlayerItem>& item, double rate = 8,
                                             [&](const platform::Notification&) { ended = 2; })};
     auto player = platform::Player::create(item);
     player->setRate(rate);
-    runUntil([&] { return ended != 0; }, limit);
+    runMainUntil([&] { return ended != 0; }, limit);
     for (auto token : tokens)
         center.removeObserver(token);
     return ended == 1;
@@ -364,8 +361,8 @@ TEST_F(FacadeTest, EveryPreparationEndsInOneNotificationWhenALaterOneReplacesIt)
             })};
         facade->prepare(*platform::Url::parse(origin.url("/master.m3u8")));
         facade->prepare(*platform::Url::parse(origin.url(second)));
-        EXPECT_TRUE(runUntil([&] { return prepared + failed == preparedCount + failedCount; }));
-        runUntil([] { return false; }, 1s); // room for a notification too many
+        EXPECT_TRUE(runMainUntil([&] { return prepared + failed == preparedCount + failedCount; }));
+        runMainUntil([] { return false; }, 1s); // room for a notification too many
         EXPECT_EQ(std::tuple(prepared.load(), failed.load(), facade->playerItem() != nullptr),
                   std::tuple(preparedCount, failedCount, preparedCount > 0));
         for (auto token : tokens)
@@ -398,7 +395,7 @@ TEST_F(FacadeTest, SecondPreparationReplacesTheItemAndReleaseEndsTheSession) {
     auto player = platform::Player::create(second);
     player->seek(platform::MediaTime::make(0, 1));
     player->setRate(8);
-    runUntil([] { return false; }, 1s);
+    runMainUntil([] { return false; }, 1s);
     EXPECT_FALSE(capture.contains("observeValue(forKeyPath:of:change:context:)"))
         << "nobody observes after the facade is gone";
 }

@@ -7,6 +7,7 @@
 #include "platform/NotificationCenter.h"
 #include "platform/RunLoop.h"
 #include "support/HlsOrigin.h"
+#include "support/MainLoop.h"
 
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -18,13 +19,6 @@ namespace ovalto::test {
 namespace {
 
 using namespace std::chrono_literals;
-
-bool runUntil(const std::function<bool()>& done) {
-    auto tick = platform::Timer::scheduledTimer(10ms, true, [](platform::Timer&) {});
-    bool result = platform::RunLoop::main().runUntil(done, std::chrono::steady_clock::now() + 20s);
-    tick->invalidate();
-    return result;
-}
 
 // The first line of `playlist` that is neither a tag nor blank.
 std::string firstUri(const std::string& playlist) {
@@ -55,7 +49,7 @@ protected:
         auto token = center.addObserver(OvaltoPreparationNotification, facade,
                                         [&](const platform::Notification&) { prepared = true; });
         facade->prepare(*platform::Url::parse(origin.url(path)));
-        const bool done = runUntil([&] { return prepared; });
+        const bool done = runMainUntil([&] { return prepared; });
         center.removeObserver(token);
         return done;
     }
@@ -86,7 +80,7 @@ protected:
 
     // Every loading request the bridge made has been finished.
     void expectAllFinished() {
-        EXPECT_TRUE(runUntil([&] { return bridge->counts().started == bridge->counts().finished; }));
+        EXPECT_TRUE(runMainUntil([&] { return bridge->counts().started == bridge->counts().finished; }));
     }
 
     HlsOrigin origin, edge;

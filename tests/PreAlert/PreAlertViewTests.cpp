@@ -3,6 +3,7 @@
 #include "platform/DispatchQueue.h"
 #include "platform/RunLoop.h"
 #include "support/LogCapture.h"
+#include "support/MainLoop.h"
 
 #include <cairo.h>
 #include <gmock/gmock.h>
@@ -30,12 +31,6 @@ namespace {
 using nivora::QOEHighlyCriticalInfo;
 using nivora::QOEViewInfo;
 using platform::Color;
-
-void drainMainQueue() {
-    std::atomic<bool> done{false};
-    platform::DispatchQueue::main()->async([&] { done = true; });
-    ASSERT_TRUE(platform::RunLoop::main().runFor(std::chrono::seconds(30), [&] { return done.load(); }));
-}
 
 QOEViewInfo viewInfo(std::string position, std::int32_t percent = 15) {
     QOEViewInfo info;

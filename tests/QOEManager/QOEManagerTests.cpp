@@ -10,6 +10,7 @@
 #include "platform/RunLoop.h"
 #include "platform/View.h"
 #include "support/LogCapture.h"
+#include "support/MainLoop.h"
 
 #include <gtest/gtest.h>
 
@@ -94,11 +95,6 @@ public:
 };
 
 // Runs the main queue until everything queued before this call has run.
-void drainMainQueue() {
-    std::atomic<bool> done{false};
-    platform::DispatchQueue::main()->async([&] { done = true; });
-    ASSERT_TRUE(platform::RunLoop::main().runFor(std::chrono::seconds(30), [&] { return done.load(); }));
-}
 
 class QOEManagerTest : public ::testing::Test {
 protected:

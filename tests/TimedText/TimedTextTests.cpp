@@ -17,6 +17,7 @@
 #include "support/HlsOrigin.h"
 #include "support/LogCapture.h"
 #include "support/LoopbackServer.h"
+#include "support/MainLoop.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,6 +32,8 @@
 
 namespace ovalto {
 namespace {
+
+using ovalto::test::runMainUntil;
 
 using namespace std::chrono_literals;
 using test::LogCapture;
@@ -383,7 +386,8 @@ protected:
             platform::Asset::create(*platform::Url::parse(origin.url("/tt/media.m3u8"))));
         player = platform::Player::create(item);
         player->setRate(0);
-        ASSERT_TRUE(runUntil([&] { return item->status() == platform::PlayerItem::Status::readyToPlay; }));
+        ASSERT_TRUE(
+            runMainUntil([&] { return item->status() == platform::PlayerItem::Status::readyToPlay; }));
         engine->playerItem.set(item); // as a preparation would
         const auto record = [this](std::string kind, std::string value, double time) {
             const bool onMain = std::this_thread::get_id() == mainThread;
@@ -398,18 +402,10 @@ protected:
     }
 
     // Drives the main run loop in short slices until `done`; the deadline only guards against a hang.
-    static bool runUntil(const std::function<bool()>& done) {
-        const auto deadline = std::chrono::steady_clock::now() + 20s;
-        while (!done()) {
-            if (std::chrono::steady_clock::now() > deadline) return false;
-            platform::RunLoop::main().runFor(5ms);
-        }
-        return true;
-    }
     void seek(double seconds) {
         std::atomic<bool> finished{false};
         player->seek(platform::MediaTime::makeWithSeconds(seconds, 1000), [&](bool) { finished = true; });
-        ASSERT_TRUE(runUntil([&] { return finished.load(); }));
+        ASSERT_TRUE(runMainUntil([&] { return finished.load(); }));
     }
     platform::Url write(const std::string& contents) { return files.emplace_back(contents).url(); }
 
@@ -426,7 +422,7 @@ protected:
 
 TEST_F(TimedTextDeliveryTest, ATickFindsOnlyTheExactHundredth) {
     facade->addTimedTextSource(write("00:00:01,234 --> 00:00:02,000\nA\n"), "application/x-subrip");
-    ASSERT_TRUE(runUntil([&] { return engine->timedText.get() != nullptr; }));
+    ASSERT_TRUE(runMainUntil([&] { return engine->timedText.get() != nullptr; }));
     // clock, kind=value delivered
     const std::pair<double, std::vector<std::string>> cases[] = {
         {1.229, {}}, {1.230, {"text=A", "cue=A"}}, {1.234, {"text=A", "cue=A"}}, {1.239, {"text=A", "cue=A"}},
@@ -454,7 +450,7 @@ TEST_F(TimedTextDeliveryTest, ThePollerDeliversOffTheMainThreadAndANewSourceRepl
     const std::string replaced = "<cuepoints><cuepoint time=\"1.5\">second</cuepoint></cuepoints>";
     const auto first = write("WEBVTT\n\n00:01.500 --> 00:03.000\nfirst\n"), second = write(replaced);
     facade->addTimedTextSource(first, "text/vtt");
-    ASSERT_TRUE(runUntil([&] { return deliveries.get().size() >= 6; }));
+    ASSERT_TRUE(runMainUntil([&] { return deliveries.get().size() >= 6; }));
     for (const auto& d : deliveries.get()) {
         EXPECT_FALSE(d.onMainThread);
         EXPECT_EQ(d.value, "first");
@@ -462,14 +458,14 @@ TEST_F(TimedTextDeliveryTest, ThePollerDeliversOffTheMainThreadAndANewSourceRepl
 
     facade->addTimedTextSource(first, "text/plain"); // unknown: ignored
     facade->addTimedTextSource(second, "application/nttml+xml");
-    ASSERT_TRUE(runUntil([&] {
+    ASSERT_TRUE(runMainUntil([&] {
         const auto all = deliveries.get();
         return std::count_if(all.begin(), all.end(),
                              [&](const Delivery& d) { return d.value == replaced; }) >= 3;
     }));
     // Once the new parser is in place the old entries are gone; the TTML source has no cues.
     deliveries.set({});
-    ASSERT_TRUE(runUntil([&] { return deliveries.get().size() >= 3; }));
+    ASSERT_TRUE(runMainUntil([&] { return deliveries.get().size() >= 3; }));
     for (const auto& d : deliveries.get()) {
         EXPECT_EQ(d.kind, "text");
         EXPECT_EQ(d.value, replaced);
