@@ -188,13 +188,17 @@ TEST(Cookie, MakeRejectsPropertiesThatMakeNoCookie) {
             << "'" << c.name << "'='" << c.value << "'";
 }
 
-// "name=value domain path", the flags set, and when it ends: "session", "expired" or "later".
+// "name=value domain path", the flags set, and when it ends: "session", "expired", "soon" (within
+// a day) or "until <seconds since the epoch>".
 std::string describe(const Cookie& c) {
+    const auto now = std::chrono::system_clock::now();
     return c.name + "=" + c.value + " " + c.domain + " " + c.path + (c.secure ? " secure" : "") +
            (c.httpOnly ? " httpOnly" : "") +
-           (!c.expires                                       ? " session"
-            : *c.expires <= std::chrono::system_clock::now() ? " expired"
-                                                             : " later");
+           (!c.expires          ? " session"
+            : *c.expires <= now ? " expired"
+            : *c.expires < now + 24h
+                ? " soon"
+                : " until " + std::to_string(std::chrono::system_clock::to_time_t(*c.expires)));
 }
 
 TEST(Cookie, SetCookieHeadersAreReadWithEveryAttributeAndForeignDomainsDropped) {
@@ -207,24 +211,19 @@ TEST(Cookie, SetCookieHeadersAreReadWithEveryAttributeAndForeignDomainsDropped) 
             cookies.push_back(describe(cookie));
         return cookies;
     };
-    const char* session = "session=abc; Domain=.Example.com; Path=/live; Secure; HttpOnly; "
-                          "Expires=Wed, 21 Oct 2037 07:28:00 GMT";
-    EXPECT_EQ(read({session, "a=1; Domain=other.com", "b=2; Domain=ample.com", "plain=\"quoted\"",
-                    "gone=x; Max-Age=0", "short=y; Max-Age=60; Expires=Thu, 01 Jan 1970 00:00:00 GMT",
-                    "c=3; Domain=cdn.example.com"}),
-              (std::vector<std::string>{
-                  "session=abc .example.com /live secure httpOnly later",
-                  // Without attributes: the host only, the directory of the request path, a session cookie.
-                  "plain=quoted cdn.example.com /live/sub session",
-                  "gone=x cdn.example.com /live/sub expired",
-                  "short=y cdn.example.com /live/sub later", // Max-Age wins over Expires
-                  "c=3 .cdn.example.com /live/sub session",
-              }));
-    HeaderFields fields;
-    fields.addValue(session, "Set-Cookie");
-    const auto expires = Cookie::cookies(fields, url("https://cdn.example.com/")).at(0).expires;
-    EXPECT_EQ(std::chrono::system_clock::to_time_t(expires.value_or(std::chrono::system_clock::time_point())),
-              2139722880);
+    EXPECT_EQ(
+        read({"session=abc; Domain=.Example.com; Path=/live; Secure; HttpOnly; Expires=Wed, 21 Oct 2037 "
+              "07:28:00 GMT",
+              "a=1; Domain=other.com", "b=2; Domain=ample.com", "plain=\"quoted\"", "gone=x; Max-Age=0",
+              "short=y; Max-Age=60; Expires=Thu, 01 Jan 1970 00:00:00 GMT", "c=3; Domain=cdn.example.com"}),
+        (std::vector<std::string>{
+            "session=abc .example.com /live secure httpOnly until 2139722880",
+            // Without attributes: the host only, the directory of the request path, a session cookie.
+            "plain=quoted cdn.example.com /live/sub session",
+            "gone=x cdn.example.com /live/sub expired",
+            "short=y cdn.example.com /live/sub soon", // Max-Age wins over Expires
+            "c=3 .cdn.example.com /live/sub session",
+        }));
     // Nameless ones are no cookies, and do not spoil the cookie before them.
     for (const auto* nameless : {"novalue", "=x"}) {
         EXPECT_EQ(read({nameless}), std::vector<std::string>{}) << nameless;
@@ -389,12 +388,10 @@ LoopbackServer::Routes routes() {
 }
 
 // One server for the suite: stopping a server waits for idle keep-alive connections.
-class UrlSessionTest : public ::testing::Test {
+class UrlSessionTest : public CookieStorageTest {
 protected:
     static void SetUpTestSuite() { origin = std::make_unique<LoopbackServer>(routes()); }
     static void TearDownTestSuite() { origin.reset(); }
-    void SetUp() override { CookieStorage::shared().removeAll(); }
-    void TearDown() override { CookieStorage::shared().removeAll(); }
 
     static inline std::unique_ptr<LoopbackServer> origin;
     LoopbackServer& server = *origin;
@@ -439,13 +436,13 @@ TEST_F(UrlSessionTest, FollowsRedirectsAndReportsTheLastResponseAndKeepsTheRedir
     const auto& r = *outcome.response;
     EXPECT_EQ(std::tuple(r.statusCode, r.url.absoluteString(), r.headers.value("X-Final"),
                          r.headers.value("Location"), outcome.data,
-                         CookieStorage::shared().headerValue(url(server.url("/")))),
+                         storage.headerValue(url(server.url("/")))),
               std::tuple(200, server.url("/final?x=1"), "yes", none, "final", "hop=1"));
 }
 
 TEST_F(UrlSessionTest, StoresResponseCookiesAndSendsThemBack) {
     ASSERT_FALSE(perform(request(server.url("/set-cookie"))).error);
-    const auto stored = CookieStorage::shared().cookies(url(server.url("/")));
+    const auto stored = storage.cookies(url(server.url("/")));
     ASSERT_EQ(stored.size(), 2u);
     EXPECT_TRUE(stored[1].expires);
 
