@@ -35,34 +35,33 @@ fields(const std::optional<MediaTime>& t) {
 }
 
 TEST(FragmentTest, GivesBackExactlyWhatItWasMadeWith) {
-    const struct {
-        const char* what;
-        std::optional<MediaTime> start, duration;
-        std::optional<std::int64_t> offset, length;
-    } cases[] = {
-        {"nothing", none, none, none, none},
-        {"a usual segment", ms(120120), ms(6006), 1234, 400000},
-        {"zeros are values, not absence", ms(0), ms(0), 0, 0},
-        {"a length without an offset", ms(5), none, none, 7},
-        {"negative times", ms(-6006), ms(-500), -1, -2},
-        {"the longest duration kept in short form", ms(1), ms(int32Max), 1, 1},
-        {"one millisecond past it", ms(1), ms(int32Max + 1), 1, 1},
-        {"the most negative short duration", ms(0), ms(-int32Max), none, none},
-        {"one millisecond below it", ms(0), ms(-int32Max - 1), none, none},
-        {"the 64-bit ends", ms(int64Max), ms(1), int64Max, int64Min},
-        {"the 64-bit ends the other way", ms(int64Min), ms(1), int64Min, int64Max},
-        {"another timescale", ms(540540, 90000), ms(6006, 1000), none, none},
-        {"a rounded sum", ms(18000, 1000, MediaTime::valid | MediaTime::hasBeenRounded), ms(6000), none,
-         none},
-        {"an infinite start", ms(0, 0, MediaTime::valid | MediaTime::positiveInfinity), ms(6000), none, none},
-        {"an invalid duration", ms(0), MediaTime::invalid(), none, none},
-        {"an epoch", ms(100, 1000, MediaTime::valid, 3), ms(1), none, none},
-    };
-    for (const auto& c : cases) {
-        const Fragment f(c.start, c.duration, nullptr, c.offset, c.length);
+    // What, start, duration, byte offset and length.
+    for (const auto& [what, start, duration, offset, length] :
+         std::initializer_list<std::tuple<const char*, std::optional<MediaTime>, std::optional<MediaTime>,
+                                          std::optional<std::int64_t>, std::optional<std::int64_t>>>{
+             {"nothing", none, none, none, none},
+             {"a usual segment", ms(120120), ms(6006), 1234, 400000},
+             {"zeros are values, not absence", ms(0), ms(0), 0, 0},
+             {"a length without an offset", ms(5), none, none, 7},
+             {"negative times", ms(-6006), ms(-500), -1, -2},
+             {"the longest duration kept in short form", ms(1), ms(int32Max), 1, 1},
+             {"one millisecond past it", ms(1), ms(int32Max + 1), 1, 1},
+             {"the most negative short duration", ms(0), ms(-int32Max), none, none},
+             {"one millisecond below it", ms(0), ms(-int32Max - 1), none, none},
+             {"the 64-bit ends", ms(int64Max), ms(1), int64Max, int64Min},
+             {"the 64-bit ends the other way", ms(int64Min), ms(1), int64Min, int64Max},
+             {"another timescale", ms(540540, 90000), ms(6006, 1000), none, none},
+             {"a rounded sum", ms(18000, 1000, MediaTime::valid | MediaTime::hasBeenRounded), ms(6000), none,
+              none},
+             {"an infinite start", ms(0, 0, MediaTime::valid | MediaTime::positiveInfinity), ms(6000), none,
+              none},
+             {"an invalid duration", ms(0), MediaTime::invalid(), none, none},
+             {"an epoch", ms(100, 1000, MediaTime::valid, 3), ms(1), none, none},
+         }) {
+        const Fragment f(start, duration, nullptr, offset, length);
         EXPECT_EQ(std::tuple(fields(f.start()), fields(f.duration()), f.offset(), f.length(), f.url.get()),
-                  std::tuple(fields(c.start), fields(c.duration), c.offset, c.length, std::nullopt))
-            << c.what;
+                  std::tuple(fields(start), fields(duration), offset, length, std::nullopt))
+            << what;
     }
 }
 

@@ -44,25 +44,21 @@ TEST(ReferencePluginTest, EveryReportIsWrittenBeforeItIsPosted) {
     });
     std::string downUrl = LoopbackServer([](httplib::Server&) {}).url("/qoe"); // nothing listens there now
 
-    const struct {
-        const char* what;
-        std::optional<std::string> collector;
-        bool posts;
-        int failures;
-    } cases[] = {
-        {"file only", std::nullopt, false, 0},
-        {"file and collector", collector.url("/qoe"), true, 0},
-        {"collector down", downUrl, false, 2},
-        {"collector answers 404", collector.url("/elsewhere"), false, 2},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    // What, where reports are posted, whether the collector gets them, and how many posts fail.
+    for (const auto& [what, collectorUrl, posts, failures] :
+         std::initializer_list<std::tuple<const char*, std::optional<std::string>, bool, int>>{
+             {"file only", std::nullopt, false, 0},
+             {"file and collector", collector.url("/qoe"), true, 0},
+             {"collector down", downUrl, false, 2},
+             {"collector answers 404", collector.url("/elsewhere"), false, 2},
+         }) {
+        SCOPED_TRACE(what);
         LogCapture log;
         std::filesystem::remove(path);
         posted.clear();
         ReferenceNivora::Options options;
         options.qoe.reportPath = path.string();
-        options.qoe.collectorUrl = c.collector;
+        options.qoe.collectorUrl = collectorUrl;
         ReferenceNivora nivora(options);
         nivora.getQOEPlugin()->onQOEEvent(reportWithBuffering({}));
         nivora.getQOEPlugin()->onQOEEvent(reportWithBuffering({300}));
@@ -75,12 +71,12 @@ TEST(ReferencePluginTest, EveryReportIsWrittenBeforeItIsPosted) {
         EXPECT_TRUE(file && file.peek() == EOF) << "two lines";
         EXPECT_EQ(Dictionary::parse(lines[1]), reportWithBuffering({300}));
         EXPECT_EQ(std::tuple(nivora.qoePlugin()->postsFailed(), log.contains("report not posted")),
-                  std::tuple(c.failures, c.failures > 0));
+                  std::tuple(failures, failures > 0));
         std::lock_guard lock(mutex);
         std::sort(posted.begin(), posted.end()); // the two posts may overtake each other
         std::vector<std::string> expected{"application/json " + lines[0], "application/json " + lines[1]};
         std::sort(expected.begin(), expected.end());
-        EXPECT_EQ(posted, c.posts ? expected : std::vector<std::string>{});
+        EXPECT_EQ(posted, posts ? expected : std::vector<std::string>{});
     }
     std::filesystem::remove(path);
 }
@@ -95,22 +91,18 @@ TEST(ReferencePluginTest, AnUnwritableFileFailsTheReport) {
 }
 
 TEST(ReferencePluginTest, ALongReBufferingRaisesOnePreAlert) {
-    const struct {
-        const char* what;
-        std::optional<std::int64_t> threshold;
-        std::vector<std::int64_t> durations;
-        int alerts;
-    } cases[] = {
-        {"no threshold", std::nullopt, {5000}, 0},
-        {"no buffering", 1000, {}, 0},
-        {"as long as the threshold", 1000, {1000}, 0},
-        {"longer", 1000, {200, 1001}, 1},
-        {"several longer ones in one report", 0, {10, 20, 30}, 1},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    // What, the threshold, the buffering durations reported, and the alerts expected.
+    for (const auto& [what, threshold, durations, expected] : std::initializer_list<
+             std::tuple<const char*, std::optional<std::int64_t>, std::vector<std::int64_t>, int>>{
+             {"no threshold", std::nullopt, {5000}, 0},
+             {"no buffering", 1000, {}, 0},
+             {"as long as the threshold", 1000, {1000}, 0},
+             {"longer", 1000, {200, 1001}, 1},
+             {"several longer ones in one report", 0, {10, 20, 30}, 1},
+         }) {
+        SCOPED_TRACE(what);
         ReferenceNivora::Options options;
-        options.qoe.preAlertAfterMs = c.threshold;
+        options.qoe.preAlertAfterMs = threshold;
         ReferenceNivora nivora(options);
         int alerts = 0;
         nivora.getQOEPlugin()->setOnPreAlertListener(
@@ -118,8 +110,8 @@ TEST(ReferencePluginTest, ALongReBufferingRaisesOnePreAlert) {
                 ++alerts;
                 EXPECT_FALSE(alert.secondText.empty() || view.position.empty());
             });
-        nivora.getQOEPlugin()->onQOEEvent(reportWithBuffering(c.durations));
-        EXPECT_EQ(alerts, c.alerts);
+        nivora.getQOEPlugin()->onQOEEvent(reportWithBuffering(durations));
+        EXPECT_EQ(alerts, expected);
     }
 }
 

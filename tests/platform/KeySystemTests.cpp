@@ -90,26 +90,22 @@ TEST(KeySystem, OnlyTheCertificatesServerOpensAnUnchangedKeyRequest) {
         copy[at] ^= 0x01;
         return copy;
     };
-    const struct {
-        const char* what;
-        Data spc;
-        bool another;
-        std::string reason;
-    } rows[] = {
-        {"another server", spc, true, "another certificate"},
-        {"asset changed", changed(spc.find("abc123")), false, "changed"},
-        {"persistence flag changed", changed(5), false, "changed"},
-        {"wrapped key changed", changed(spc.size() - 1), false, "changed"},
-        {"version", changed(4), false, "version"},
-        {"truncated", spc.substr(0, spc.size() - 1), false, "truncated"},
-        {"trailing byte", spc + "x", false, "truncated"},
-        {"not a key request", "spc", false, "not a key request"},
-    };
-    for (const auto& row : rows) {
-        auto refused = KeyExchange::readRequest(row.spc, server(row.another));
-        ASSERT_TRUE(std::holds_alternative<std::string>(refused)) << row.what;
-        EXPECT_NE(std::get<std::string>(refused).find(row.reason), std::string::npos)
-            << row.what << ": " << std::get<std::string>(refused);
+    // What, the request as it arrives, whose server reads it, and the reason it is refused for.
+    for (const auto& [what, arrived, another, reason] :
+         std::initializer_list<std::tuple<const char*, Data, bool, std::string>>{
+             {"another server", spc, true, "another certificate"},
+             {"asset changed", changed(spc.find("abc123")), false, "changed"},
+             {"persistence flag changed", changed(5), false, "changed"},
+             {"wrapped key changed", changed(spc.size() - 1), false, "changed"},
+             {"version", changed(4), false, "version"},
+             {"truncated", spc.substr(0, spc.size() - 1), false, "truncated"},
+             {"trailing byte", spc + "x", false, "truncated"},
+             {"not a key request", "spc", false, "not a key request"},
+         }) {
+        auto refused = KeyExchange::readRequest(arrived, server(another));
+        ASSERT_TRUE(std::holds_alternative<std::string>(refused)) << what;
+        EXPECT_NE(std::get<std::string>(refused).find(reason), std::string::npos)
+            << what << ": " << std::get<std::string>(refused);
     }
 }
 
@@ -120,24 +116,21 @@ TEST(KeySystem, AnAnswerGivesItsKeyOnlyToTheRequestItAnswers) {
     otherAsset.contentIdentifier = "xyz789";
     Data tampered = good;
     tampered[good.size() / 2] ^= 0x40;
-    const struct {
-        const char* what;
-        Data answer;
-        std::int64_t code; // 0: the demo key comes out
-    } rows[] = {
-        {"its own answer", good, 0},
-        {"answer to another request", *KeyExchange::makeAnswer(request().session, demo),
-         loaderErrorInvalidKeyResponse},
-        {"answer for another asset", *KeyExchange::makeAnswer(otherAsset, demo),
-         loaderErrorKeyForAnotherAsset},
-        {"tampered", tampered, loaderErrorInvalidKeyResponse},
-        {"truncated", good.substr(0, good.size() - 1), loaderErrorInvalidKeyResponse},
-        {"not an answer", "ckc", loaderErrorInvalidKeyResponse},
-    };
-    for (const auto& row : rows)
-        EXPECT_EQ(result(ContentKey::fromKeyAnswer(row.answer, std::nullopt, made.session, "abc123")),
-                  expected(row.code))
-            << row.what;
+    // What, the answer, and the error code (0: the demo key comes out).
+    for (const auto& [what, answer, code] :
+         std::initializer_list<std::tuple<const char*, Data, std::int64_t>>{
+             {"its own answer", good, 0},
+             {"answer to another request", *KeyExchange::makeAnswer(request().session, demo),
+              loaderErrorInvalidKeyResponse},
+             {"answer for another asset", *KeyExchange::makeAnswer(otherAsset, demo),
+              loaderErrorKeyForAnotherAsset},
+             {"tampered", tampered, loaderErrorInvalidKeyResponse},
+             {"truncated", good.substr(0, good.size() - 1), loaderErrorInvalidKeyResponse},
+             {"not an answer", "ckc", loaderErrorInvalidKeyResponse},
+         })
+        EXPECT_EQ(result(ContentKey::fromKeyAnswer(answer, std::nullopt, made.session, "abc123")),
+                  expected(code))
+            << what;
     // Without the request that was made, an answer is nothing.
     EXPECT_TRUE(
         std::holds_alternative<Error>(ContentKey::fromKeyAnswer(good, std::nullopt, std::nullopt, "abc123")));
@@ -155,24 +148,20 @@ TEST(KeySystem, PersistableKeysKeepAssetAndExpiryAndRefuseChanges) {
     Data changedExpiry = sealed, changedKey = sealed;
     changedExpiry[4 + 1 + 2 + 6 + 7] ^= 0x01;
     changedKey[sealed.size() - 20] ^= 0x01;
-    const struct {
-        const char* what;
-        Data stored;
-        std::string asset;
-        std::int64_t code; // 0: the key comes out
-    } rows[] = {
-        {"as sealed", sealed, "abc123", 0},
-        {"for another asset", sealed, "xyz789", loaderErrorKeyForAnotherAsset},
-        {"expired", std::get<Data>(expired.seal()), "abc123", loaderErrorKeyExpired},
-        {"expiry changed", changedExpiry, "abc123", loaderErrorInvalidKeyResponse},
-        {"key changed", changedKey, "abc123", loaderErrorInvalidKeyResponse},
-        {"not a stored key", "PCK1garbage", "abc123", loaderErrorInvalidKeyResponse},
-    };
-    for (const auto& row : rows)
-        EXPECT_EQ(result(ContentKey::fromKeyAnswer(row.stored, streamingKeyDeliveryPersistentContentKeyType,
-                                                   std::nullopt, row.asset)),
-                  expected(row.code, expiring))
-            << row.what;
+    // What, the stored bytes, the asset asked for, and the error code (0: the key comes out).
+    for (const auto& [what, stored, asset, code] :
+         std::initializer_list<std::tuple<const char*, Data, std::string, std::int64_t>>{
+             {"as sealed", sealed, "abc123", 0},
+             {"for another asset", sealed, "xyz789", loaderErrorKeyForAnotherAsset},
+             {"expired", std::get<Data>(expired.seal()), "abc123", loaderErrorKeyExpired},
+             {"expiry changed", changedExpiry, "abc123", loaderErrorInvalidKeyResponse},
+             {"key changed", changedKey, "abc123", loaderErrorInvalidKeyResponse},
+             {"not a stored key", "PCK1garbage", "abc123", loaderErrorInvalidKeyResponse},
+         })
+        EXPECT_EQ(result(ContentKey::fromKeyAnswer(stored, streamingKeyDeliveryPersistentContentKeyType,
+                                                   std::nullopt, asset)),
+                  expected(code, expiring))
+            << what;
 }
 
 TEST(KeySystem, LoadingRequestTurnsItsOwnAnswerIntoAStorableKey) {
@@ -245,10 +234,7 @@ std::string valueFor(std::uint32_t index) {
 
 TEST_F(KeyValueStoreTest, ValuesKeepTheirKindAcrossReopeningAndAreOverwrittenAndRemoved) {
     auto store = KeyValueStore::open(path());
-    const struct {
-        std::string key, value;
-        bool text;
-    } cases[] = {
+    const std::initializer_list<std::tuple<std::string, std::string, bool>> cases = {
         {"binary", std::string("\0\x01\xff\x7f payload\0", 13), false},
         {"empty-data", "", false},
         {"empty-text", "", true},
@@ -256,14 +242,14 @@ TEST_F(KeyValueStoreTest, ValuesKeepTheirKindAcrossReopeningAndAreOverwrittenAnd
         {"with\0nul", "x", true},
         {"big", valueFor(3), false},
     };
-    for (const auto& c : cases)
-        ASSERT_TRUE(c.text ? store->setString(c.value, c.key) : store->set(c.value, c.key)) << c.key;
+    for (const auto& [key, value, text] : cases)
+        ASSERT_TRUE(text ? store->setString(value, key) : store->set(value, key)) << key;
     auto reopened = KeyValueStore::open(path());
-    for (const auto& c : cases) {
+    for (const auto& [key, value, text] : cases) {
         // Read as what it was written as, and not as the other kind.
-        const auto [same, other] = c.text ? std::pair(reopened->string(c.key), reopened->data(c.key))
-                                          : std::pair(reopened->data(c.key), reopened->string(c.key));
-        EXPECT_EQ(std::tuple(same, other.has_value()), std::tuple(c.value, false)) << c.key;
+        const auto [same, other] = text ? std::pair(reopened->string(key), reopened->data(key))
+                                        : std::pair(reopened->data(key), reopened->string(key));
+        EXPECT_EQ(std::tuple(same, other.has_value()), std::tuple(value, false)) << key;
     }
 
     EXPECT_FALSE(store->string("token"));
