@@ -30,24 +30,9 @@ Dictionary reportWithBuffering(std::vector<std::int64_t> durations) {
     return report;
 }
 
-std::vector<std::string> linesOf(const std::string& path) {
-    std::ifstream file(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);)
-        lines.push_back(line);
-    return lines;
-}
-
-class ReferencePluginTest : public ::testing::Test {
-protected:
-    void TearDown() override { std::filesystem::remove(path); }
-
-    const std::string path =
-        (std::filesystem::temp_directory_path() / ("reports-" + std::to_string(::getpid()) + ".jsonl"))
-            .string();
-};
-
-TEST_F(ReferencePluginTest, EveryReportIsWrittenBeforeItIsPosted) {
+TEST(ReferencePluginTest, EveryReportIsWrittenBeforeItIsPosted) {
+    const auto path =
+        std::filesystem::temp_directory_path() / ("reports-" + std::to_string(getpid()) + ".jsonl");
     std::mutex mutex;
     std::vector<std::string> posted;
     LoopbackServer collector([&](httplib::Server& server) {
@@ -57,55 +42,46 @@ TEST_F(ReferencePluginTest, EveryReportIsWrittenBeforeItIsPosted) {
             response.status = 204;
         });
     });
-    std::string downUrl;
-    {
-        LoopbackServer closed([](httplib::Server&) {});
-        downUrl = closed.url("/qoe");
-    } // nothing listens there any more
+    std::string downUrl = LoopbackServer([](httplib::Server&) {}).url("/qoe"); // nothing listens there now
 
-    struct Case {
-        const char* what;
-        std::optional<std::string> collector;
-        std::size_t posts;
-        int failures;
-    };
-    const Case cases[] = {
-        {"file only", std::nullopt, 0, 0},
-        {"file and collector", collector.url("/qoe"), 2, 0},
-        {"collector down", downUrl, 0, 2},
-        {"collector answers 404", collector.url("/elsewhere"), 0, 2},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    // What, where reports are posted, whether the collector gets them, and how many posts fail.
+    for (const auto& [what, collectorUrl, posts, failures] :
+         std::initializer_list<std::tuple<const char*, std::optional<std::string>, bool, int>>{
+             {"file only", std::nullopt, false, 0},
+             {"file and collector", collector.url("/qoe"), true, 0},
+             {"collector down", downUrl, false, 2},
+             {"collector answers 404", collector.url("/elsewhere"), false, 2},
+         }) {
+        SCOPED_TRACE(what);
         LogCapture log;
         std::filesystem::remove(path);
         posted.clear();
         ReferenceNivora::Options options;
-        options.qoe.reportPath = path;
-        options.qoe.collectorUrl = c.collector;
+        options.qoe.reportPath = path.string();
+        options.qoe.collectorUrl = collectorUrl;
         ReferenceNivora nivora(options);
-        auto plugin = nivora.getQOEPlugin();
-        plugin->onQOEEvent(reportWithBuffering({}));
-        plugin->onQOEEvent(reportWithBuffering({300}));
+        nivora.getQOEPlugin()->onQOEEvent(reportWithBuffering({}));
+        nivora.getQOEPlugin()->onQOEEvent(reportWithBuffering({300}));
         ASSERT_TRUE(nivora.qoePlugin()->waitForPosts(std::chrono::seconds(60)));
 
-        const auto lines = linesOf(path);
-        ASSERT_EQ(lines.size(), 2u);
+        std::ifstream file(path);
+        std::vector<std::string> lines(2);
+        for (auto& line : lines)
+            std::getline(file, line);
+        EXPECT_TRUE(file && file.peek() == EOF) << "two lines";
         EXPECT_EQ(Dictionary::parse(lines[1]), reportWithBuffering({300}));
-        EXPECT_EQ(nivora.qoePlugin()->postsFailed(), c.failures);
-        EXPECT_EQ(log.contains("report not posted"), c.failures > 0);
+        EXPECT_EQ(std::tuple(nivora.qoePlugin()->postsFailed(), log.contains("report not posted")),
+                  std::tuple(failures, failures > 0));
         std::lock_guard lock(mutex);
-        ASSERT_EQ(posted.size(), c.posts);
-        if (c.posts) { // the two posts may overtake each other
-            std::vector<std::string> expected{"application/json " + lines[0], "application/json " + lines[1]};
-            std::sort(posted.begin(), posted.end());
-            std::sort(expected.begin(), expected.end());
-            EXPECT_EQ(posted, expected);
-        }
+        std::sort(posted.begin(), posted.end()); // the two posts may overtake each other
+        std::vector<std::string> expected{"application/json " + lines[0], "application/json " + lines[1]};
+        std::sort(expected.begin(), expected.end());
+        EXPECT_EQ(posted, posts ? expected : std::vector<std::string>{});
     }
+    std::filesystem::remove(path);
 }
 
-TEST_F(ReferencePluginTest, AnUnwritableFileFailsTheReport) {
+TEST(ReferencePluginTest, AnUnwritableFileFailsTheReport) {
     LogCapture log;
     ReferenceNivora::Options options;
     options.qoe.reportPath = "/nonexistent-dir/reports.jsonl";
@@ -114,51 +90,47 @@ TEST_F(ReferencePluginTest, AnUnwritableFileFailsTheReport) {
     EXPECT_TRUE(log.contains("cannot open /nonexistent-dir/reports.jsonl"));
 }
 
-TEST_F(ReferencePluginTest, ALongReBufferingRaisesOnePreAlert) {
-    struct Case {
-        const char* what;
-        std::optional<std::int64_t> threshold;
-        std::vector<std::int64_t> durations;
-        int alerts;
-    };
-    const Case cases[] = {
-        {"no threshold", std::nullopt, {5000}, 0},
-        {"no buffering", 1000, {}, 0},
-        {"as long as the threshold", 1000, {1000}, 0},
-        {"longer", 1000, {200, 1001}, 1},
-        {"several longer ones in one report", 0, {10, 20, 30}, 1},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+TEST(ReferencePluginTest, ALongReBufferingRaisesOnePreAlert) {
+    // What, the threshold, the buffering durations reported, and the alerts expected.
+    for (const auto& [what, threshold, durations, expected] : std::initializer_list<
+             std::tuple<const char*, std::optional<std::int64_t>, std::vector<std::int64_t>, int>>{
+             {"no threshold", std::nullopt, {5000}, 0},
+             {"no buffering", 1000, {}, 0},
+             {"as long as the threshold", 1000, {1000}, 0},
+             {"longer", 1000, {200, 1001}, 1},
+             {"several longer ones in one report", 0, {10, 20, 30}, 1},
+         }) {
+        SCOPED_TRACE(what);
         ReferenceNivora::Options options;
-        options.qoe.preAlertAfterMs = c.threshold;
+        options.qoe.preAlertAfterMs = threshold;
         ReferenceNivora nivora(options);
         int alerts = 0;
         nivora.getQOEPlugin()->setOnPreAlertListener(
             [&](const nivora::QOEHighlyCriticalInfo& alert, const nivora::QOEViewInfo& view) {
                 ++alerts;
-                EXPECT_FALSE(alert.secondText.empty());
-                EXPECT_FALSE(view.position.empty());
+                EXPECT_FALSE(alert.secondText.empty() || view.position.empty());
             });
-        nivora.getQOEPlugin()->onQOEEvent(reportWithBuffering(c.durations));
-        EXPECT_EQ(alerts, c.alerts);
+        nivora.getQOEPlugin()->onQOEEvent(reportWithBuffering(durations));
+        EXPECT_EQ(alerts, expected);
     }
 }
 
-TEST_F(ReferencePluginTest, HeadersAreAddedToTheirKindOfRequestAndTheIntervalIsConfigured) {
-    ReferenceNivora::Options options;
-    options.manifestHeaders = {{"X-Manifest", "m"}};
-    options.fragmentHeaders = {{"X-Fragment", "f"}, {"X-Fragment", "g"}};
+TEST(ReferencePluginTest, HeadersAreAddedToTheirKindOfRequestAndTheIntervalIsConfigured) {
+    ReferenceNivora::Options options{{{"X-Manifest", "m"}}, {{"X-Fragment", "f"}, {"X-Fragment", "g"}}, {}};
     options.qoe.interval = 5;
     ReferenceNivora nivora(options);
     nivora::NetworkPlugin::Request manifest{"http://origin.test/master.m3u8", {{"A", "1"}}, 30000, 30000};
     nivora::NetworkPlugin::Request fragment = manifest;
     nivora.getNetworkPlugin()->onManifestRequest(manifest);
     nivora.getNetworkPlugin()->onFragmentRequest(fragment, nivora::MediaType::audio);
-    ASSERT_EQ(manifest.headers.size(), 2u);
-    EXPECT_EQ(manifest.headers[1].name, "X-Manifest");
-    ASSERT_EQ(fragment.headers.size(), 3u);
-    EXPECT_EQ(fragment.headers[2].value, "g");
+    const auto names = [](const auto& request) {
+        std::vector<std::string> all;
+        for (const auto& header : request.headers)
+            all.push_back(header.name + ": " + header.value);
+        return all;
+    };
+    EXPECT_EQ(names(manifest), (std::vector<std::string>{"A: 1", "X-Manifest: m"}));
+    EXPECT_EQ(names(fragment), (std::vector<std::string>{"A: 1", "X-Fragment: f", "X-Fragment: g"}));
     nivora::QOEPlugin::Configuration configuration;
     nivora.getQOEPlugin()->onConfiguration(configuration);
     EXPECT_EQ(configuration.interval, 5);

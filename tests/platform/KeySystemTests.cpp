@@ -1,27 +1,37 @@
 // The key system: key requests and answers between device and licence server, keys sealed for
-// this device, and the protection of segments.
+// this device, the protection of segments, and the store that keeps keys and the device's
+// identity across runs, even when the process is killed.
 #include "platform/ApplicationCertificate.h"
 #include "platform/ContentKey.h"
+#include "platform/Device.h"
 #include "platform/KeyExchange.h"
+#include "platform/KeyValueStore.h"
 #include "platform/KeyVendorIdentity.h"
 #include "platform/LoadingRequest.h"
 #include "platform/SegmentCipher.h"
+#include "support/LogCapture.h"
 
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <poll.h>
+#include <regex>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 
 using namespace ovalto::platform;
+namespace fs = std::filesystem;
 
 namespace {
 
-const KeyVendorIdentity& server() {
-    static const auto identity = KeyVendorIdentity::generate("key system tests");
-    return *identity;
-}
-const KeyVendorIdentity& otherServer() {
-    static const auto identity = KeyVendorIdentity::generate("another licence server");
-    return *identity;
+const KeyVendorIdentity& server(bool another = false) {
+    static const auto identity = KeyVendorIdentity::generate("key system tests"),
+                      other = KeyVendorIdentity::generate("another licence server");
+    return another ? *other : *identity;
 }
 
 const ContentKey demo{Data(16, 'K'), Data(16, 'V'), "abc123", 0};
@@ -33,26 +43,24 @@ KeyExchange::Request request(const std::string& asset = "abc123", bool persisten
     return std::get<KeyExchange::Request>(made);
 }
 
+// "error <code>", or the key's bytes, IV and expiry.
+std::string result(const std::variant<ContentKey, Error>& key) {
+    if (const auto* error = std::get_if<Error>(&key)) return "error " + std::to_string(error->code);
+    const auto& k = std::get<ContentKey>(key);
+    return k.key + " " + k.iv + " " + std::to_string(k.expiry);
+}
+
+// What `result` gives for `code`, or for `expected` when `code` is 0.
+std::string expected(std::int64_t code, const ContentKey& key = demo) {
+    return code ? "error " + std::to_string(code) : result(key);
+}
+
 // A TS-looking segment: whole packets that start with the sync byte.
 Data transportStream(std::size_t packets) {
     Data segment;
     for (std::size_t i = 0; i < packets; ++i)
         segment += '\x47' + Data(187, static_cast<char>('a' + i % 26));
     return segment;
-}
-
-// With `code` 0 the key must come out equal to `expected`; otherwise it fails with `code`.
-void expectKey(const std::variant<ContentKey, Error>& key, std::int64_t code,
-               const ContentKey& expected = demo) {
-    if (code != 0) {
-        ASSERT_TRUE(std::holds_alternative<Error>(key));
-        EXPECT_EQ(std::get<Error>(key).code, code);
-        return;
-    }
-    ASSERT_TRUE(std::holds_alternative<ContentKey>(key)) << std::get<Error>(key).localizedDescription;
-    EXPECT_EQ(std::get<ContentKey>(key).key, expected.key);
-    EXPECT_EQ(std::get<ContentKey>(key).iv, expected.iv);
-    EXPECT_EQ(std::get<ContentKey>(key).expiry, expected.expiry);
 }
 
 TEST(KeySystem, CertificatesThatAreNotOneAreRefused) {
@@ -72,9 +80,8 @@ TEST(KeySystem, OnlyTheCertificatesServerOpensAnUnchangedKeyRequest) {
     auto read = KeyExchange::readRequest(made.serverPlaybackContext, server());
     ASSERT_TRUE(std::holds_alternative<KeyRequestSession>(read)) << std::get<std::string>(read);
     const auto& session = std::get<KeyRequestSession>(read);
-    EXPECT_EQ(session.contentIdentifier, "abc123");
-    EXPECT_TRUE(session.persistent);
-    EXPECT_EQ(session.sessionKey, made.session.sessionKey);
+    EXPECT_EQ(std::tuple(session.contentIdentifier, session.persistent, session.sessionKey),
+              std::tuple("abc123", true, made.session.sessionKey));
     EXPECT_NE(request().serverPlaybackContext, request().serverPlaybackContext); // fresh session keys
 
     const Data& spc = made.serverPlaybackContext;
@@ -83,97 +90,78 @@ TEST(KeySystem, OnlyTheCertificatesServerOpensAnUnchangedKeyRequest) {
         copy[at] ^= 0x01;
         return copy;
     };
-    const auto assetAt = spc.find("abc123");
-    struct Row {
-        const char* what;
-        Data spc;
-        const KeyVendorIdentity* identity;
-        std::string reason;
-    } rows[] = {
-        {"another server", spc, &otherServer(), "another certificate"},
-        {"asset changed", changed(assetAt), &server(), "changed"},
-        {"persistence flag changed", changed(5), &server(), "changed"},
-        {"wrapped key changed", changed(spc.size() - 1), &server(), "changed"},
-        {"version", changed(4), &server(), "version"},
-        {"truncated", spc.substr(0, spc.size() - 1), &server(), "truncated"},
-        {"trailing byte", spc + "x", &server(), "truncated"},
-        {"not a key request", "spc", &server(), "not a key request"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        auto refused = KeyExchange::readRequest(row.spc, *row.identity);
-        ASSERT_TRUE(std::holds_alternative<std::string>(refused));
-        EXPECT_NE(std::get<std::string>(refused).find(row.reason), std::string::npos)
-            << std::get<std::string>(refused);
+    // What, the request as it arrives, whose server reads it, and the reason it is refused for.
+    for (const auto& [what, arrived, another, reason] :
+         std::initializer_list<std::tuple<const char*, Data, bool, std::string>>{
+             {"another server", spc, true, "another certificate"},
+             {"asset changed", changed(spc.find("abc123")), false, "changed"},
+             {"persistence flag changed", changed(5), false, "changed"},
+             {"wrapped key changed", changed(spc.size() - 1), false, "changed"},
+             {"version", changed(4), false, "version"},
+             {"truncated", spc.substr(0, spc.size() - 1), false, "truncated"},
+             {"trailing byte", spc + "x", false, "truncated"},
+             {"not a key request", "spc", false, "not a key request"},
+         }) {
+        auto refused = KeyExchange::readRequest(arrived, server(another));
+        ASSERT_TRUE(std::holds_alternative<std::string>(refused)) << what;
+        EXPECT_NE(std::get<std::string>(refused).find(reason), std::string::npos)
+            << what << ": " << std::get<std::string>(refused);
     }
 }
 
 TEST(KeySystem, AnAnswerGivesItsKeyOnlyToTheRequestItAnswers) {
     const auto made = request();
-    const auto answerTo = [&](KeyRequestSession session, const ContentKey& key = demo) {
-        return *KeyExchange::makeAnswer(session, key);
-    };
-    const Data good = answerTo(made.session);
+    const Data good = *KeyExchange::makeAnswer(made.session, demo);
     KeyRequestSession otherAsset = made.session;
     otherAsset.contentIdentifier = "xyz789";
     Data tampered = good;
     tampered[good.size() / 2] ^= 0x40;
-    struct Row {
-        const char* what;
-        Data answer;
-        std::int64_t code; // 0: the demo key comes out
-    } rows[] = {
-        {"its own answer", good, 0},
-        {"answer to another request", answerTo(request().session), loaderErrorInvalidKeyResponse},
-        {"answer for another asset", answerTo(otherAsset), loaderErrorKeyForAnotherAsset},
-        {"tampered", tampered, loaderErrorInvalidKeyResponse},
-        {"truncated", good.substr(0, good.size() - 1), loaderErrorInvalidKeyResponse},
-        {"not an answer", "ckc", loaderErrorInvalidKeyResponse},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        expectKey(ContentKey::fromKeyAnswer(row.answer, std::nullopt, made.session, "abc123"), row.code);
-    }
+    // What, the answer, and the error code (0: the demo key comes out).
+    for (const auto& [what, answer, code] :
+         std::initializer_list<std::tuple<const char*, Data, std::int64_t>>{
+             {"its own answer", good, 0},
+             {"answer to another request", *KeyExchange::makeAnswer(request().session, demo),
+              loaderErrorInvalidKeyResponse},
+             {"answer for another asset", *KeyExchange::makeAnswer(otherAsset, demo),
+              loaderErrorKeyForAnotherAsset},
+             {"tampered", tampered, loaderErrorInvalidKeyResponse},
+             {"truncated", good.substr(0, good.size() - 1), loaderErrorInvalidKeyResponse},
+             {"not an answer", "ckc", loaderErrorInvalidKeyResponse},
+         })
+        EXPECT_EQ(result(ContentKey::fromKeyAnswer(answer, std::nullopt, made.session, "abc123")),
+                  expected(code))
+            << what;
     // Without the request that was made, an answer is nothing.
     EXPECT_TRUE(
         std::holds_alternative<Error>(ContentKey::fromKeyAnswer(good, std::nullopt, std::nullopt, "abc123")));
 }
 
 TEST(KeySystem, PersistableKeysKeepAssetAndExpiryAndRefuseChanges) {
-    ContentKey expiring = demo;
+    ContentKey expiring = demo, expired = demo;
     expiring.expiry = 4'102'444'800; // 2100
-    ContentKey expired = demo;
     expired.expiry = 1'000'000'000;
     const Data sealed = std::get<Data>(expiring.seal());
     EXPECT_EQ(sealed.find(demo.key), Data::npos); // the key is not in the clear
-    auto description = ContentKey::describe(sealed);
-    ASSERT_TRUE(description);
-    EXPECT_EQ(description->assetId, "abc123");
-    EXPECT_EQ(description->expiry, expiring.expiry);
+    const auto description = ContentKey::describe(sealed).value_or(ContentKey::Description{});
+    EXPECT_EQ(std::tuple(description.assetId, description.expiry), std::tuple("abc123", expiring.expiry));
 
-    Data changedExpiry = sealed;
+    Data changedExpiry = sealed, changedKey = sealed;
     changedExpiry[4 + 1 + 2 + 6 + 7] ^= 0x01;
-    Data changedKey = sealed;
     changedKey[sealed.size() - 20] ^= 0x01;
-    struct Row {
-        const char* what;
-        Data stored;
-        std::string asset;
-        std::int64_t code; // 0: the key comes out
-    } rows[] = {
-        {"as sealed", sealed, "abc123", 0},
-        {"for another asset", sealed, "xyz789", loaderErrorKeyForAnotherAsset},
-        {"expired", std::get<Data>(expired.seal()), "abc123", loaderErrorKeyExpired},
-        {"expiry changed", changedExpiry, "abc123", loaderErrorInvalidKeyResponse},
-        {"key changed", changedKey, "abc123", loaderErrorInvalidKeyResponse},
-        {"not a stored key", "PCK1garbage", "abc123", loaderErrorInvalidKeyResponse},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        expectKey(ContentKey::fromKeyAnswer(row.stored, streamingKeyDeliveryPersistentContentKeyType,
-                                            std::nullopt, row.asset),
-                  row.code, expiring);
-    }
+    // What, the stored bytes, the asset asked for, and the error code (0: the key comes out).
+    for (const auto& [what, stored, asset, code] :
+         std::initializer_list<std::tuple<const char*, Data, std::string, std::int64_t>>{
+             {"as sealed", sealed, "abc123", 0},
+             {"for another asset", sealed, "xyz789", loaderErrorKeyForAnotherAsset},
+             {"expired", std::get<Data>(expired.seal()), "abc123", loaderErrorKeyExpired},
+             {"expiry changed", changedExpiry, "abc123", loaderErrorInvalidKeyResponse},
+             {"key changed", changedKey, "abc123", loaderErrorInvalidKeyResponse},
+             {"not a stored key", "PCK1garbage", "abc123", loaderErrorInvalidKeyResponse},
+         })
+        EXPECT_EQ(result(ContentKey::fromKeyAnswer(stored, streamingKeyDeliveryPersistentContentKeyType,
+                                                   std::nullopt, asset)),
+                  expected(code, expiring))
+            << what;
 }
 
 TEST(KeySystem, LoadingRequestTurnsItsOwnAnswerIntoAStorableKey) {
@@ -183,27 +171,22 @@ TEST(KeySystem, LoadingRequestTurnsItsOwnAnswerIntoAStorableKey) {
     auto read = KeyExchange::readRequest(std::get<Data>(spc), server());
     ASSERT_TRUE(std::holds_alternative<KeyRequestSession>(read));
     EXPECT_TRUE(std::get<KeyRequestSession>(read).persistent);
-    auto stored =
-        loading->persistentContentKey(*KeyExchange::makeAnswer(std::get<KeyRequestSession>(read), demo));
+    const Data answer = *KeyExchange::makeAnswer(std::get<KeyRequestSession>(read), demo);
+    auto stored = loading->persistentContentKey(answer);
     ASSERT_TRUE(std::holds_alternative<Data>(stored)) << std::get<Error>(stored).localizedDescription;
-    auto key = ContentKey::unseal(std::get<Data>(stored));
-    EXPECT_EQ(std::get<ContentKey>(key).key, demo.key);
+    EXPECT_EQ(result(ContentKey::unseal(std::get<Data>(stored))), expected(0));
 
     // An answer to a request made elsewhere is refused.
     auto elsewhere = LoadingRequest::create(UrlRequest(*Url::parse("skd://abc123")), {}, nullptr);
-    EXPECT_TRUE(std::holds_alternative<Error>(
-        elsewhere->persistentContentKey(*KeyExchange::makeAnswer(std::get<KeyRequestSession>(read), demo))));
+    EXPECT_TRUE(std::holds_alternative<Error>(elsewhere->persistentContentKey(answer)));
 }
 
 TEST(KeySystem, SegmentsDecryptOnlyWithTheirKeyIntoMedia) {
     const Data clear = transportStream(20);
     const Data encrypted = *SegmentCipher::encrypt(clear, demo.key, demo.iv);
-    EXPECT_EQ(encrypted.size() % 16, 0u);
-    EXPECT_FALSE(SegmentCipher::looksLikeMedia(encrypted));
-    const auto decrypted = SegmentCipher::decrypt(encrypted, demo.key, demo.iv);
-    ASSERT_TRUE(decrypted);
-    EXPECT_EQ(*decrypted, clear);
-
+    EXPECT_EQ(std::tuple(encrypted.size() % 16, SegmentCipher::looksLikeMedia(encrypted),
+                         SegmentCipher::decrypt(encrypted, demo.key, demo.iv)),
+              std::tuple(0u, false, clear));
     Data wrongKey = demo.key;
     wrongKey[0] ^= 1;
     for (const auto& [what, key, iv, data] : std::initializer_list<std::tuple<const char*, Data, Data, Data>>{
@@ -212,32 +195,189 @@ TEST(KeySystem, SegmentsDecryptOnlyWithTheirKeyIntoMedia) {
              {"cut short", demo.key, demo.iv, encrypted.substr(0, encrypted.size() - 5)},
              {"clear bytes", demo.key, demo.iv, clear.substr(0, 16 * 20)},
          }) {
-        SCOPED_TRACE(what);
         auto out = SegmentCipher::decrypt(data, key, iv);
-        EXPECT_TRUE(!out || !SegmentCipher::looksLikeMedia(*out));
+        EXPECT_TRUE(!out || !SegmentCipher::looksLikeMedia(*out)) << what;
     }
-
-    struct Media {
-        const char* what;
-        Data bytes;
-        bool media;
-    } media[] = {
-        {"transport stream", transportStream(3), true},
-        {"broken second packet", transportStream(1) + "x" + Data(187, 'a'), false},
-        {"mp4 segment", Data("\0\0\0\x18stypmsdh", 12), true},
-        {"unknown box", Data("\0\0\0\x18zzzzmsdh", 12), false},
-        {"ID3", "ID3\x04", true},
-        {"ADTS", "\xff\xf1\x50\x80", true},
-        {"text", "hello world", false},
-    };
-    for (const auto& row : media)
-        EXPECT_EQ(SegmentCipher::looksLikeMedia(row.bytes), row.media) << row.what;
+    for (const auto& [what, bytes, media] : std::initializer_list<std::tuple<const char*, Data, bool>>{
+             {"transport stream", transportStream(3), true},
+             {"broken second packet", transportStream(1) + "x" + Data(187, 'a'), false},
+             {"mp4 segment", Data("\0\0\0\x18stypmsdh", 12), true},
+             {"unknown box", Data("\0\0\0\x18zzzzmsdh", 12), false},
+             {"ID3", "ID3\x04", true},
+             {"ADTS", "\xff\xf1\x50\x80", true},
+             {"text", "hello world", false},
+         })
+        EXPECT_EQ(SegmentCipher::looksLikeMedia(bytes), media) << what;
 
     EXPECT_EQ(SegmentCipher::ivFromAttribute("0x000102030405060708090a0B0c0d0e0F"),
               Data("\x00\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f", 16));
     for (const char* bad :
          {"000102030405060708090a0b0c0d0e0f", "0x0001", "0x000102030405060708090a0b0c0d0e0g"})
         EXPECT_FALSE(SegmentCipher::ivFromAttribute(bad)) << bad;
+}
+
+class KeyValueStoreTest : public ::testing::Test {
+protected:
+    void TearDown() override { fs::remove_all(directory_); }
+    std::string path(const std::string& name = "store.sqlite3") const { return (directory_ / name).string(); }
+
+    const fs::path directory_ = fs::temp_directory_path() / ("ovalto-kvs-" + std::to_string(getpid()));
+};
+
+// Big enough to span many database pages, and different for every index.
+std::string valueFor(std::uint32_t index) {
+    std::string value(65536 + index % 7, '\0');
+    for (std::size_t i = 0; i < value.size(); ++i)
+        value[i] = static_cast<char>((index * 31 + i * 7) & 0xff);
+    return value;
+}
+
+TEST_F(KeyValueStoreTest, ValuesKeepTheirKindAcrossReopeningAndAreOverwrittenAndRemoved) {
+    auto store = KeyValueStore::open(path());
+    const std::initializer_list<std::tuple<std::string, std::string, bool>> cases = {
+        {"binary", std::string("\0\x01\xff\x7f payload\0", 13), false},
+        {"empty-data", "", false},
+        {"empty-text", "", true},
+        {"text", "Grüße, 字幕", true},
+        {"with\0nul", "x", true},
+        {"big", valueFor(3), false},
+    };
+    for (const auto& [key, value, text] : cases)
+        ASSERT_TRUE(text ? store->setString(value, key) : store->set(value, key)) << key;
+    auto reopened = KeyValueStore::open(path());
+    for (const auto& [key, value, text] : cases) {
+        // Read as what it was written as, and not as the other kind.
+        const auto [same, other] = text ? std::pair(reopened->string(key), reopened->data(key))
+                                        : std::pair(reopened->data(key), reopened->string(key));
+        EXPECT_EQ(std::tuple(same, other.has_value()), std::tuple(value, false)) << key;
+    }
+
+    EXPECT_FALSE(store->string("token"));
+    ASSERT_TRUE(store->setString("first", "token"));
+    ASSERT_TRUE(store->set("second", "token"));
+    EXPECT_EQ(std::tuple(store->data("token"), store->string("token")), std::tuple("second", std::nullopt));
+    ASSERT_TRUE(store->remove("token"));
+    EXPECT_FALSE(store->data("token"));
+    EXPECT_TRUE(store->remove("token") && store->synchronize());
+}
+
+TEST_F(KeyValueStoreTest, CreatesMissingDirectoriesAndReportsAnUnusablePath) {
+    EXPECT_TRUE(KeyValueStore::open(path("a/b/c/store.sqlite3"))->setString("v", "k"));
+    EXPECT_TRUE(fs::exists(path("a/b/c/store.sqlite3")));
+
+    ovalto::test::LogCapture log;
+    const std::string underAFile = path("a/b/c/store.sqlite3") + "/inner/store.sqlite3";
+    auto broken = KeyValueStore::open(underAFile);
+    EXPECT_EQ(std::tuple(broken->setString("v", "k"), broken->string("k"), broken->remove("k"),
+                         broken->synchronize(), log.contains(underAFile)),
+              std::tuple(false, std::nullopt, false, false, true));
+}
+
+TEST(KeyValueStorePath, FollowsTheEnvironment) {
+    const char* names[] = {"OVALTO_DEFAULTS_PATH", "XDG_DATA_HOME", "HOME"};
+    std::optional<std::string> saved[3];
+    for (int i = 0; i < 3; ++i)
+        if (const char* value = std::getenv(names[i])) saved[i] = value;
+    const struct {
+        const char* values[3];
+        std::string expected;
+    } cases[] = {
+        {{"/x/defaults.db", "/data", "/home/u"}, "/x/defaults.db"},
+        {{nullptr, "/data", "/home/u"}, "/data/ovalto/defaults.sqlite3"},
+        {{"", "/data", "/home/u"}, "/data/ovalto/defaults.sqlite3"},
+        {{nullptr, nullptr, "/home/u"}, "/home/u/.local/share/ovalto/defaults.sqlite3"},
+        {{nullptr, "relative", "/home/u"}, "/home/u/.local/share/ovalto/defaults.sqlite3"},
+    };
+    for (const auto& c : cases) {
+        for (int i = 0; i < 3; ++i)
+            c.values[i] ? setenv(names[i], c.values[i], 1) : unsetenv(names[i]);
+        EXPECT_EQ(KeyValueStore::standardPath(), c.expected);
+    }
+    for (int i = 0; i < 3; ++i)
+        saved[i] ? setenv(names[i], saved[i]->c_str(), 1) : unsetenv(names[i]);
+}
+
+TEST_F(KeyValueStoreTest, ConcurrentWritersFromThreadsAndConnections) {
+    // Two connections to the same file, each shared by several threads.
+    auto first = KeyValueStore::open(path()), second = KeyValueStore::open(path());
+    constexpr int threads = 4, writesEach = 25;
+    const auto key = [](int t, int i) { return "k" + std::to_string(t) + "-" + std::to_string(i); };
+    std::atomic<int> failures{0};
+    std::vector<std::jthread> writers;
+    for (int t = 0; t < threads; ++t)
+        writers.emplace_back([&, t] {
+            auto& store = t % 2 ? *first : *second;
+            for (int i = 0; i < writesEach; ++i)
+                failures += !store.set(valueFor(t * writesEach + i), key(t, i)) +
+                            !store.setString(key(t, i), "shared") + !store.data(key(t, i));
+        });
+    writers.clear();
+    EXPECT_EQ(failures, 0);
+
+    auto reader = KeyValueStore::open(path());
+    for (int t = 0; t < threads; ++t)
+        for (int i = 0; i < writesEach; ++i)
+            ASSERT_EQ(reader->data(key(t, i)), valueFor(t * writesEach + i)) << key(t, i);
+    EXPECT_EQ(reader->string("shared").value_or("").substr(0, 1), "k");
+}
+
+TEST_F(KeyValueStoreTest, WriteThatReturnedSurvivesSigkill) {
+    int ack[2];
+    ASSERT_EQ(pipe2(ack, O_CLOEXEC), 0);
+    // The child writes values one after another and reports each one that returned, until it
+    // is killed. It touches nothing it shares with the parent's threads.
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        auto store = KeyValueStore::open(path());
+        for (std::uint32_t i = 0;; ++i)
+            if (!store->set(valueFor(i), "v" + std::to_string(i)) || write(ack[1], &i, sizeof i) < 0)
+                _exit(1);
+    }
+    close(ack[1]);
+
+    // The parent writes too, so the two processes contend for the database.
+    auto store = KeyValueStore::open(path());
+    std::int64_t lastAck = -1;
+    int parentWrites = 0;
+    bool parentFailed = false;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    std::uint32_t index;
+    while (lastAck < 20 && std::chrono::steady_clock::now() < deadline) {
+        parentFailed |= !store->setString("parent", "p" + std::to_string(parentWrites++));
+        pollfd pfd{ack[0], POLLIN, 0};
+        if (poll(&pfd, 1, 100) <= 0) continue;
+        if (read(ack[0], &index, sizeof index) != static_cast<ssize_t>(sizeof index))
+            break; // the child died early
+        lastAck = index;
+    }
+    kill(child, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    // Acknowledgements still in the pipe count too: those writes had returned.
+    while (read(ack[0], &index, sizeof index) == static_cast<ssize_t>(sizeof index))
+        lastAck = index;
+    close(ack[0]);
+
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "child ended on its own: " << status;
+    ASSERT_GE(lastAck, 20);
+    EXPECT_FALSE(parentFailed);
+    auto reopened = KeyValueStore::open(path());
+    for (std::int64_t i = 0; i <= lastAck; ++i)
+        ASSERT_EQ(reopened->data("v" + std::to_string(i)), valueFor(static_cast<std::uint32_t>(i)))
+            << "v" << i;
+    // The write under way when the child died is either absent or whole.
+    const auto next = static_cast<std::uint32_t>(lastAck + 1);
+    EXPECT_EQ(reopened->data("v" + std::to_string(next)).value_or(valueFor(next)), valueFor(next));
+}
+
+TEST_F(KeyValueStoreTest, TheVendorIdentifierIsARandomUuidKeptInTheStore) {
+    const auto first = Device::identifierForVendor(*KeyValueStore::open(path("defaults.sqlite3")));
+    EXPECT_TRUE(std::regex_match(
+        first, std::regex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}")))
+        << first;
+    EXPECT_EQ(Device::identifierForVendor(*KeyValueStore::open(path("defaults.sqlite3"))), first);
+    EXPECT_NE(Device::identifierForVendor(*KeyValueStore::open(path("other.sqlite3"))), first);
 }
 
 } // namespace
