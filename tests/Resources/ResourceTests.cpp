@@ -169,13 +169,11 @@ TEST_F(ResourceTest, RoutesByScheme) {
 
 TEST_F(ResourceTest, RequestWithoutASchemeIsRefusedAndLeftToThePlatform) {
     PlayerRequest request("local/master.m3u8");
-    EXPECT_FALSE(loader.load(request.request));
-    EXPECT_FALSE(loader.load(nullptr));
+    EXPECT_FALSE(loader.load(request.request) || loader.load(nullptr) || request.request->isFinished());
     const auto notified = sink->errors.get();
     ASSERT_EQ(notified.size(), 2u);
     EXPECT_EQ(OvaltoError::from(notified[0]),
               OvaltoError::inputParam("Loading request is not valid.", 0x8301));
-    EXPECT_FALSE(request.request->isFinished());
 }
 
 // The delegate path the player takes: first requests and renewals alike.
@@ -193,9 +191,8 @@ TEST_F(ResourceTest, AnswersAsTheAssetsDelegate) {
     }
     PlayerRequest refused("k1");
     assetLoader->load(refused.request);
-    const auto outcome = refused.wait();
-    ASSERT_EQ(outcome.kind, Kind::error);
-    EXPECT_EQ(outcome.error->domain, platform::Error::loaderDomain); // failed by the platform, not by us
+    const auto outcome = refused.wait(); // failed by the platform, not by us
+    EXPECT_EQ(outcome.error ? outcome.error->domain : "none", platform::Error::loaderDomain);
     EXPECT_EQ(sink->errors.get().size(), 3u);
 }
 
@@ -257,16 +254,15 @@ TEST_F(ResourceTest, ListenerUriIsDownloadedAndIsTheBaseOfTheParse) {
 
     ASSERT_EQ(fetch("cplp://local/master.m3u8").kind, Kind::data);
     EXPECT_EQ(seen, (std::vector<std::optional<std::string>>{origin->url("/original/master.m3u8")}));
-    EXPECT_EQ(origin->requestCount("/original/master.m3u8"), 0);
-    EXPECT_EQ(origin->requestCount("/moved/master.m3u8"), 1);
-    const auto variant = loader.presentation->stream(1)->representation(800000);
-    ASSERT_TRUE(variant && variant->url.get());
-    EXPECT_EQ(variant->url.get()->absoluteString(), origin->url("/moved/sd/index.m3u8"));
+    EXPECT_EQ(
+        std::pair(origin->requestCount("/original/master.m3u8"), origin->requestCount("/moved/master.m3u8")),
+        std::pair(0, 1));
+    EXPECT_EQ(loader.presentation->stream(1)->representation(800000)->url.get(),
+              url(origin->url("/moved/sd/index.m3u8")));
 
     const auto responses = listener->manifestResponses.get();
     ASSERT_EQ(responses.size(), 1u);
-    const auto& response = responses[0];
-    EXPECT_EQ(std::tuple(response.uri, response.originalUri, response.edgeIP, response.size),
+    EXPECT_EQ(std::tuple(responses[0].uri, responses[0].originalUri, responses[0].edgeIP, responses[0].size),
               std::tuple(origin->url("/moved/master.m3u8"), origin->url("/moved/master.m3u8"), "127.0.0.1",
                          static_cast<std::int64_t>(std::string(masterPlayList).size())));
 }
@@ -287,8 +283,8 @@ TEST_F(ResourceTest, HeadersJoinInListenerConfigurationCustomOrder) {
 
     const auto requests = origin->requests("/headers/master.m3u8");
     ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].values("X-Token"), Strings{"listener, config, custom"});
-    EXPECT_EQ(requests[0].values("X-Custom"), Strings{"before"});
+    EXPECT_EQ(std::pair(requests[0].values("X-Token"), requests[0].values("X-Custom")),
+              std::pair(Strings{"listener, config, custom"}, Strings{"before"}));
 }
 
 TEST_F(ResourceTest, ListenerTimeoutGovernsEachAttempt) {
@@ -313,10 +309,8 @@ TEST_F(ResourceTest, RedirectedPlaylistKeepsItsBaseAndSaysWhereItWasAnswered) {
     ASSERT_EQ(fetch("cplp://local/master.m3u8").kind, Kind::data);
     EXPECT_TRUE(log.contains("The playlist " + origin->url("/hop/master.m3u8") + " was answered from " +
                              origin->url("/landed/master.m3u8")));
-    const auto streams = loader.presentation->streams.get();
-    ASSERT_FALSE(streams.empty());
-    EXPECT_EQ(streams.back()->representations.get().begin()->second->url.get()->absoluteString(),
-              origin->url("/hop/sd/index.m3u8"));
+    EXPECT_EQ(loader.presentation->stream(1)->representation(800000)->url.get(),
+              url(origin->url("/hop/sd/index.m3u8")));
 
     log.clear();
     ASSERT_EQ(fetch("cplp://local/1/800000/media.m3u8").kind, Kind::error) << "the origin has no /hop/sd/";
@@ -355,10 +349,8 @@ TEST_F(ResourceTest, MasterTooLargeToRewriteFailsTheRequestInsteadOfPassingThrou
     configure(origin->url("/huge/master.m3u8"));
     const auto error = ovaltoError(fetch("cplp://local/master.m3u8"));
     ASSERT_TRUE(error);
-    EXPECT_EQ(error->code(), 0x8400);
-    EXPECT_TRUE(error->message().starts_with("The rewritten master playlist would take "))
-        << error->message();
-    EXPECT_FALSE(loader.presentation->playList.get());
+    EXPECT_EQ(std::tuple(error->code(), error->message().substr(0, 41), loader.presentation->playList.get()),
+              std::tuple(0x8400, "The rewritten master playlist would take ", std::nullopt));
 }
 
 TEST_F(ResourceTest, BadPlaylistRequestsFailWithoutTouchingTheNetwork) {
