@@ -155,24 +155,6 @@ TEST(IsMasterTest, AnyExtinfLineMakesAMediaPlaylist) {
     EXPECT_TRUE(PlayList::isMaster("#EXTM3U\n# #EXTINF:4"));
 }
 
-// The rewritten text itself is compared in the fixtures.
-TEST_F(PlayListTest, MasterBecomesAStreamTreeAndKeepsItsRewrite) {
-    const auto result =
-        rewriteMaster("#EXTM3U\n#EXT-X-VERSION:4\n"
-                      "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"aud\",NAME=\"en\",URI=\"audio/en.m3u8\"\n"
-                      "#EXT-X-STREAM-INF:BANDWIDTH=2000000,AUDIO=\"aud\"\nhi/index.m3u8\n"
-                      "#EXT-X-STREAM-INF:BANDWIDTH=800000,AUDIO=\"aud\"\nlo/index.m3u8\n");
-    ASSERT_TRUE(result.parsed);
-    EXPECT_EQ(result.presentation->playList.get(), result.text);
-    EXPECT_EQ(result.presentation->url.get(), masterBase);
-    EXPECT_EQ(tree(*result.presentation), "audio 0 0 http://example.com/v/audio/en.m3u8\n"
-                                          "video 800000 800000 http://example.com/v/lo/index.m3u8\n"
-                                          "video 2000000 2000000 http://example.com/v/hi/index.m3u8\n");
-    const auto streams = result.presentation->streams.get();
-    EXPECT_EQ(std::tuple(streams[0]->attributes.get().value("GROUP-ID"), streams[1]->attributes.get().size()),
-              std::tuple("\"aud\"", 0u));
-}
-
 TEST_F(PlayListTest, MediaPlaylistAsTopUrlBecomesOneVariantAroundIt) {
     // The only #EXTINF is indented: lines are trimmed before the test.
     const auto result = rewriteMaster("#EXTM3U\n#EXT-X-TARGETDURATION:4\n  #EXTINF:4,\nseg0.ts\n");
@@ -304,27 +286,6 @@ TEST_F(PlayListTest, RefusesWhatIsNotAPlaylistAndLeavesTheModelAlone) {
     log.clear();
     EXPECT_FALSE(media.generatePlayList(unplaced));
     EXPECT_TRUE(log.lines().empty());
-}
-
-// The rewritten text itself is compared in the fixtures.
-TEST_F(PlayListTest, MediaBecomesSegmentsMapAndKeys) {
-    auto representation = placed();
-    const auto rewritten =
-        rewriteMedia(*representation, "#EXTM3U\n#EXT-X-VERSION:6\n#EXT-X-TARGETDURATION:6\n"
-                                      "#EXT-X-MEDIA-SEQUENCE:120\n#EXT-X-PLAYLIST-TYPE:VOD\n"
-                                      "#EXT-X-MAP:URI=\"init.mp4\"\n"
-                                      "#EXT-X-KEY:METHOD=SAMPLE-AES,URI=\"skd://k1\"\n"
-                                      "#EXTINF:6.006,\nseg120.m4s\n#EXT-X-DISCONTINUITY\n"
-                                      "#EXTINF:5.5,\nseg121.m4s\n#EXT-X-ENDLIST\n");
-    EXPECT_EQ(representation->playList.get(), rewritten);
-    EXPECT_FALSE(representation->isLive.get());
-    EXPECT_EQ(text(representation->initialURL.get()), "http://cdn.example.com/v/lo/init.mp4");
-    EXPECT_EQ(segments(representation->fragments.get()),
-              "120 0+6006 -@- http://cdn.example.com/v/lo/seg120.m4s\n"
-              "121 6006+5500 -@- http://cdn.example.com/v/lo/seg121.m4s\n");
-    EXPECT_EQ(
-        std::tuple(text(representation->start.get()), representation->keyAttributes.get().at(0).value("URI")),
-        std::tuple("11506", "\"skd://k1\""));
 }
 
 TEST_F(PlayListTest, GeneratedMediaPlaylists) {
