@@ -8,16 +8,10 @@ namespace {
 
 const Url base = *Url::parse("http://127.0.0.1:8080/live/master.m3u8");
 
-HlsMasterPlaylist master(const std::string& text) {
+template <class Playlist> Playlist read(const std::string& text) {
     auto playlist = HlsReader::read(text, base);
-    EXPECT_TRUE(playlist && std::holds_alternative<HlsMasterPlaylist>(*playlist)) << text;
-    return playlist ? std::get<HlsMasterPlaylist>(*playlist) : HlsMasterPlaylist{};
-}
-
-HlsMediaPlaylist media(const std::string& text) {
-    auto playlist = HlsReader::read(text, base);
-    EXPECT_TRUE(playlist && std::holds_alternative<HlsMediaPlaylist>(*playlist)) << text;
-    return playlist ? std::get<HlsMediaPlaylist>(*playlist) : HlsMediaPlaylist{};
+    EXPECT_TRUE(playlist && std::holds_alternative<Playlist>(*playlist)) << text;
+    return playlist ? std::get<Playlist>(*playlist) : Playlist{};
 }
 
 const char* const masterText = R"(#EXTM3U
@@ -34,19 +28,13 @@ low/media.m3u8
 http://cdn.invalid/high/media.m3u8
 )";
 
-} // namespace
-
 TEST(HlsReader, RenditionChoicePrefersTheNamedThenTheDefaultThenTheFirst) {
-    const auto playlist = master(masterText);
-    struct Case {
-        std::optional<std::string> preferred;
-        std::string expected;
-    };
-    for (const Case& c :
-         {Case{"English", "English"}, Case{std::nullopt, "Japanese"}, Case{"Klingon", "Japanese"}}) {
-        const auto* rendition = playlist.rendition("AUDIO", "aud", c.preferred);
+    const auto playlist = read<HlsMasterPlaylist>(masterText);
+    for (const auto& [preferred, expected] : std::vector<std::pair<std::optional<std::string>, std::string>>{
+             {"English", "English"}, {std::nullopt, "Japanese"}, {"Klingon", "Japanese"}}) {
+        const auto* rendition = playlist.rendition("AUDIO", "aud", preferred);
         ASSERT_NE(rendition, nullptr);
-        EXPECT_EQ(rendition->name, c.expected);
+        EXPECT_EQ(rendition->name, expected);
     }
     EXPECT_EQ(playlist.rendition("AUDIO", "other", std::nullopt), nullptr);
 
@@ -59,7 +47,7 @@ TEST(HlsReader, RenditionChoicePrefersTheNamedThenTheDefaultThenTheFirst) {
 }
 
 TEST(HlsReader, MediaPlaylistNumbersSegmentsAndCarriesMapKeysAndRanges) {
-    const auto playlist = media(R"(#EXTM3U
+    const auto playlist = read<HlsMediaPlaylist>(R"(#EXTM3U
 #EXT-X-VERSION:7
 #EXT-X-TARGETDURATION:6
 #EXT-X-MEDIA-SEQUENCE:120
@@ -78,35 +66,29 @@ main.mp4
 other.ts
 #EXT-X-ENDLIST
 )");
-    EXPECT_EQ(playlist.targetDuration, 6);
-    EXPECT_EQ(playlist.mediaSequence, 120);
-    EXPECT_TRUE(playlist.endList);
-    EXPECT_EQ(playlist.playlistType, "VOD");
-    ASSERT_EQ(playlist.segments.size(), 3u);
+    EXPECT_EQ(std::tuple(playlist.targetDuration, playlist.mediaSequence, playlist.endList,
+                         playlist.playlistType, playlist.isLive()),
+              std::tuple(6, 120, true, "VOD", false));
     EXPECT_NEAR(playlist.duration(), 15.506, 1e-9);
+    std::vector<std::string> segments;
+    for (const auto& s : playlist.segments) {
+        const auto range = [](const auto& r) { return r ? r->rangeHeader() : std::string("whole"); };
+        segments.push_back(std::to_string(s.sequence) + (s.discontinuity ? " discontinuity" : "") +
+                           (s.map ? " map " + range(s.map->byteRange) : "") +
+                           (s.key ? " key " + s.key->uri.value_or(base).absoluteString() : "") + " " +
+                           range(s.byteRange) + " " + s.uri.absoluteString());
+    }
+    // A range without an offset continues the previous one; METHOD=NONE ends encryption; the map
+    // applies until the next one.
+    EXPECT_EQ(segments,
+              (std::vector<std::string>{
+                  "120 map bytes=0-719 key skd://k1 bytes=720-1719 http://127.0.0.1:8080/live/main.mp4",
+                  "121 discontinuity map bytes=0-719 key skd://k1 bytes=1720-3719 "
+                  "http://127.0.0.1:8080/live/main.mp4",
+                  "122 map bytes=0-719 whole http://127.0.0.1:8080/live/other.ts"}));
 
-    const auto& first = playlist.segments[0];
-    EXPECT_EQ(first.sequence, 120);
-    ASSERT_TRUE(first.map && first.map->byteRange);
-    EXPECT_EQ(first.map->byteRange->rangeHeader(), "bytes=0-719");
-    ASSERT_TRUE(first.key);
-    EXPECT_EQ(first.key->uri->absoluteString(), "skd://k1");
-    EXPECT_EQ(first.byteRange->rangeHeader(), "bytes=720-1719");
-
-    const auto& second = playlist.segments[1];
-    EXPECT_EQ(second.sequence, 121);
-    EXPECT_TRUE(second.discontinuity);
-    EXPECT_EQ(second.byteRange->rangeHeader(), "bytes=1720-3719"); // continues the previous range
-    EXPECT_TRUE(second.key);
-
-    const auto& third = playlist.segments[2];
-    EXPECT_FALSE(third.key); // METHOD=NONE ends encryption
-    EXPECT_FALSE(third.byteRange);
-    EXPECT_TRUE(third.map); // the map applies until the next one
-    EXPECT_EQ(third.uri.absoluteString(), "http://127.0.0.1:8080/live/other.ts");
-    EXPECT_FALSE(playlist.isLive());
-
-    const auto live = media("#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:7\n#EXTINF:2,\na.ts\n");
+    const auto live = read<HlsMediaPlaylist>(
+        "#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:7\n#EXTINF:2,\na.ts\n");
     EXPECT_TRUE(live.isLive());
     EXPECT_EQ(live.segments.at(0).sequence, 7);
 }
@@ -129,11 +111,13 @@ TEST(HlsReader, RejectsWhatIsNotAUsablePlaylist) {
 TEST(HlsReader, AByteOrderMarkIsReadPast) {
     // Editors and some origins write the mark; players read such playlists like any other.
     const std::string mark = "\xEF\xBB\xBF";
-    const auto withMark = master(mark + masterText);
+    const auto withMark = read<HlsMasterPlaylist>(mark + masterText);
     ASSERT_EQ(withMark.variants.size(), 2u);
     EXPECT_EQ(withMark.variants[0].uri.absoluteString(), "http://127.0.0.1:8080/live/low/media.m3u8");
     EXPECT_EQ(withMark.renditions.size(), 5u);
-    EXPECT_EQ(media(mark + "#EXTM3U\n#EXTINF:2,\na.ts\n").segments.size(), 1u);
+    EXPECT_EQ(read<HlsMediaPlaylist>(mark + "#EXTM3U\n#EXTINF:2,\na.ts\n").segments.size(), 1u);
     // Only at the very start: a mark further on is text like any other.
     EXPECT_FALSE(HlsReader::read("\n" + mark + "#EXTM3U\n#EXTINF:2,\na.ts\n", base));
 }
+
+} // namespace

@@ -10,18 +10,15 @@
 #include <thread>
 
 using namespace ovalto::platform;
+using Kind = LoadingOutcome::Kind;
 
 namespace {
-
-Url url(const char* text) {
-    return *Url::parse(text);
-}
 
 // Makes requests and collects the outcomes their completions receive, from any thread.
 class Outcomes {
 public:
     std::shared_ptr<LoadingRequest> request(LoadingRequest::Parts parts = {}) {
-        return LoadingRequest::create(UrlRequest(url("cplp://local/master.m3u8")), parts,
+        return LoadingRequest::create(UrlRequest(*Url::parse("cplp://local/master.m3u8")), parts,
                                       [this](const LoadingOutcome& outcome) {
                                           std::lock_guard lock(mutex_);
                                           outcomes_.push_back(outcome);
@@ -45,22 +42,17 @@ private:
     std::vector<LoadingOutcome> outcomes_;
 };
 
-} // namespace
-
 // Redirects, errors and content types reach the player in the player's delegate and key tests;
 // data answered in pieces is only here.
 TEST(LoadingRequest, DataAnsweredInPiecesReachesThePlayerWhole) {
     Outcomes outcomes;
-    LoadingRequest::Parts parts;
-    parts.requestedOffset = 100;
-    auto request = outcomes.request(parts);
+    auto request = outcomes.request({.requestedOffset = 100});
     request->dataRequest()->respond("#EXTM3U\n");
     request->dataRequest()->respond("#EXT-X-ENDLIST\n");
     EXPECT_EQ(request->dataRequest()->currentOffset(), 100 + 23);
     request->finishLoading();
-    EXPECT_EQ(outcomes.first().kind, LoadingOutcome::Kind::data);
-    EXPECT_EQ(outcomes.first().data, "#EXTM3U\n#EXT-X-ENDLIST\n");
-    EXPECT_TRUE(request->isFinished());
+    EXPECT_EQ(std::tuple(outcomes.first().kind, outcomes.first().data, request->isFinished()),
+              std::tuple(Kind::data, "#EXTM3U\n#EXT-X-ENDLIST\n", true));
 }
 
 TEST(LoadingRequest, AnswerAfterThePlayerGaveUpIsIgnoredQuietly) {
@@ -70,10 +62,9 @@ TEST(LoadingRequest, AnswerAfterThePlayerGaveUpIsIgnoredQuietly) {
     request->cancel();
     request->dataRequest()->respond("late");
     request->finishLoading();
-    EXPECT_EQ(outcomes.first().kind, LoadingOutcome::Kind::cancelled);
-    EXPECT_EQ(outcomes.count(), 1u);
-    EXPECT_TRUE(request->isCancelled());
-    EXPECT_FALSE(request->isFinished());
+    EXPECT_EQ(
+        std::tuple(outcomes.first().kind, outcomes.count(), request->isCancelled(), request->isFinished()),
+        std::tuple(Kind::cancelled, 1u, true, false));
     EXPECT_FALSE(log.contains("finished twice"));
 }
 
@@ -85,8 +76,7 @@ TEST(LoadingRequest, SecondFinishIsIgnoredAndLoggedInReleaseBuilds) {
     request->dataRequest()->respond("one");
     request->finishLoading();
     request->finishLoading(Error{"X", 1, "second", {}});
-    EXPECT_EQ(outcomes.count(), 1u);
-    EXPECT_EQ(outcomes.first().data, "one");
+    EXPECT_EQ(std::tuple(outcomes.count(), outcomes.first().data), std::tuple(1u, "one"));
     EXPECT_TRUE(log.contains("finished twice"));
 }
 #else
@@ -122,11 +112,8 @@ TEST(LoadingRequest, RaceBetweenAnswerAndCancelEndsItExactlyOnce) {
 
 // MARK: - The asset's resource loader
 
-namespace {
-
 // Answers according to `answer`, and remembers where it was called.
-class ScriptedDelegate : public ResourceLoaderDelegate {
-public:
+struct ScriptedDelegate : ResourceLoaderDelegate {
     std::function<bool(const std::shared_ptr<LoadingRequest>&)> answer;
     std::atomic<bool> onQueue{true};
     std::atomic<int> cancels{0};
@@ -151,23 +138,19 @@ struct LoaderFixture : ::testing::Test {
     void SetUp() override { loader->setDelegate(delegate, delegate->queue); }
 };
 
-} // namespace
-
 TEST_F(LoaderFixture, RequestFailsWhenTheDelegateDeclinesUnlessAnsweredBeforeDeclining) {
     delegate->answer = [](const auto&) { return false; };
     Outcomes declined;
     loader->load(declined.request());
     EXPECT_EQ(declined.first().error->code, loaderErrorNoDelegate);
 
-    Outcomes answered;
     delegate->answer = [](const std::shared_ptr<LoadingRequest>& request) {
         request->dataRequest()->respond("data");
         request->finishLoading();
         return false;
     };
-    loader->load(answered.request());
-    EXPECT_EQ(answered.first().kind, LoadingOutcome::Kind::data);
-    EXPECT_EQ(answered.first().data, "data");
+    loader->load(outcomes.request());
+    EXPECT_EQ(std::tuple(outcomes.first().kind, outcomes.first().data), std::tuple(Kind::data, "data"));
 }
 
 TEST_F(LoaderFixture, DelegateIsCalledOnItsQueueAndHeldWeakly) {
@@ -176,12 +159,11 @@ TEST_F(LoaderFixture, DelegateIsCalledOnItsQueueAndHeldWeakly) {
         return true;
     };
     loader->load(outcomes.request());
-    EXPECT_EQ(outcomes.first().kind, LoadingOutcome::Kind::data);
+    EXPECT_EQ(outcomes.first().kind, Kind::data);
     EXPECT_TRUE(delegate->onQueue);
 
     std::weak_ptr<ScriptedDelegate> weak = delegate;
-    const auto queue = delegate->queue;
-    queue->sync([] {}); // the loader's block has let go of it
+    delegate->queue->sync([] {}); // the loader's block has let go of it
     delegate.reset();
     EXPECT_TRUE(weak.expired());
     Outcomes orphaned;
@@ -195,8 +177,10 @@ TEST_F(LoaderFixture, CancellingTellsTheDelegateOnItsQueue) {
     loader->load(request);
     delegate->queue->sync([] {}); // the delegate has seen it
     loader->cancel(request);
-    EXPECT_EQ(outcomes.first().kind, LoadingOutcome::Kind::cancelled);
+    EXPECT_EQ(outcomes.first().kind, Kind::cancelled);
     delegate->queue->sync([] {});
     EXPECT_EQ(delegate->cancels, 1);
     EXPECT_TRUE(delegate->onQueue);
 }
+
+} // namespace
