@@ -60,13 +60,15 @@ TEST(RewriteCommandTest, PrintsWhatThePlayerReceivesForAFileOrAUrl) {
         s.Get("/show/master.m3u8", [&](const httplib::Request&, httplib::Response& response) {
             response.set_content(multi, "application/vnd.apple.mpegurl");
         });
-        s.Get("/show/gone.m3u8", [](const httplib::Request&, httplib::Response& response) { response.status = 404; });
+        s.Get("/show/gone.m3u8",
+              [](const httplib::Request&, httplib::Response& response) { response.status = 404; });
     });
     const std::pair<Args, std::string> rows[] = {
         {{(playlists / "master_packager_absolute.m3u8").string()}, "master_packager_absolute.expected"},
         {{(playlists / "media_vod_fmp4_fairplay.m3u8").string(), "--stream", "1", "--bitrate", "800000"},
          "media_vod_fmp4_fairplay.expected"},
-        {{server.url("/show/master.m3u8")}, "master_multi_audio_subtitles.expected"}, // resolved against the URL
+        {{server.url("/show/master.m3u8")},
+         "master_multi_audio_subtitles.expected"}, // resolved against the URL
     };
     for (const auto& [args, expected] : rows)
         EXPECT_EQ(ovalto("rewrite", args), (CommandRun{0, playlist(expected), ""}));
@@ -75,12 +77,14 @@ TEST(RewriteCommandTest, PrintsWhatThePlayerReceivesForAFileOrAUrl) {
 
     const auto gone = ovalto("rewrite", {server.url("/show/gone.m3u8")});
     EXPECT_EQ(std::tuple(gone.status, gone.out), std::tuple(1, ""));
-    EXPECT_NE(gone.err.find("cannot download " + server.url("/show/gone.m3u8")), std::string::npos) << gone.err;
+    EXPECT_NE(gone.err.find("cannot download " + server.url("/show/gone.m3u8")), std::string::npos)
+        << gone.err;
     EXPECT_NE(gone.err.find("the server answered HTTP status 404"), std::string::npos) << gone.err;
 
     // The URIs of a master resolve against the URL it came from.
-    const auto rewritten = tool::rewritePlayList("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nlo/v.m3u8\n",
-                                                 *platform::Url::parse(server.url("/show/master.m3u8")), 0, 0);
+    const auto rewritten =
+        tool::rewritePlayList("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nlo/v.m3u8\n",
+                              *platform::Url::parse(server.url("/show/master.m3u8")), 0, 0);
     EXPECT_TRUE(rewritten.isMaster);
     EXPECT_EQ(rewritten.playList, "#EXTM3U\n#EXT-X-VERSION:7\n#EXT-X-STREAM-INF:BANDWIDTH=1\n0/1/media.m3u8");
 }
@@ -95,13 +99,17 @@ TEST(RewriteCommandTest, ExplainsEveryFailureOnStandardError) {
         int status;
         std::string message;
     } cases[] = {
-        {{"/nonexistent/master.m3u8"}, 1, "ovalto rewrite: cannot read /nonexistent/master.m3u8: No such file"},
+        {{"/nonexistent/master.m3u8"},
+         1,
+         "ovalto rewrite: cannot read /nonexistent/master.m3u8: No such file"},
         {{(temporary / "ovalto-rewrite-page.html").string()}, 1, notHls},
         {{(temporary / "ovalto-rewrite-empty.m3u8").string()}, 1, notHls},
         {{(playlists / "media_unreadable_duration.m3u8").string()},
          1,
          "the library refuses to write this media playlist: The fragment duration is REQUIRED.\n"},
-        {{"http://127.0.0.1:1/master.m3u8"}, 1, "ovalto rewrite: cannot download http://127.0.0.1:1/master.m3u8"},
+        {{"http://127.0.0.1:1/master.m3u8"},
+         1,
+         "ovalto rewrite: cannot download http://127.0.0.1:1/master.m3u8"},
         {{}, 2, "which playlist?"},
         {{"a.m3u8", "b.m3u8"}, 2, "one playlist at a time"},
         {{"a.m3u8", "--bitrate", "fast"}, 2, "--bitrate takes a 32-bit integer, not 'fast'"},
@@ -122,7 +130,8 @@ TEST(RewriteCommandTest, ExplainsEveryFailureOnStandardError) {
 TEST(RewriteCommandTest, ShowsTheLibrarysWarningsBesideTheResult) {
     const auto rewritten = tool::rewritePlayList("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=fast\nv.m3u8\n",
                                                  *platform::Url::parse("http://h/master.m3u8"), 0, 0);
-    EXPECT_EQ(rewritten.playList, "#EXTM3U\n#EXT-X-VERSION:7\n#EXT-X-STREAM-INF:BANDWIDTH=fast\n0/1500000/media.m3u8");
+    EXPECT_EQ(rewritten.playList,
+              "#EXTM3U\n#EXT-X-VERSION:7\n#EXT-X-STREAM-INF:BANDWIDTH=fast\n0/1500000/media.m3u8");
     EXPECT_EQ(rewritten.warnings,
               Args{"BANDWIDTH=fast is not a 32-bit decimal integer; the variant is keyed 1500000."});
 }
@@ -132,9 +141,10 @@ TEST(RewriteCommandTest, ShowsTheLibrarysWarningsBesideTheResult) {
 TEST(ThroughLoaderTest, PrintsEachRequestWithItsAnswer) {
     test::TestOrigin origin;
     origin.serve("/live/master.m3u8", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=800000\nsd/index.m3u8\n");
-    origin.serve("/live/sd/index.m3u8", "#EXTM3U\n#EXT-X-TARGETDURATION:6\n#EXT-X-MEDIA-SEQUENCE:7\n"
-                                        "#EXT-X-MAP:URI=\"init.mp4\"\n#EXTINF:6,\nseg7.ts\n#EXTINF:6,\nseg8.ts\n"
-                                        "#EXTINF:6,\nseg9.ts\n#EXTINF:6,\nseg10.ts\n#EXT-X-ENDLIST\n");
+    origin.serve("/live/sd/index.m3u8",
+                 "#EXTM3U\n#EXT-X-TARGETDURATION:6\n#EXT-X-MEDIA-SEQUENCE:7\n"
+                 "#EXT-X-MAP:URI=\"init.mp4\"\n#EXTINF:6,\nseg7.ts\n#EXTINF:6,\nseg8.ts\n"
+                 "#EXTINF:6,\nseg9.ts\n#EXTINF:6,\nseg10.ts\n#EXT-X-ENDLIST\n");
     const auto run = ovalto("rewrite", {"--through-loader", origin.url("/live/master.m3u8")});
     EXPECT_EQ(run.status, 0) << run.err;
 
@@ -150,7 +160,8 @@ TEST(ThroughLoaderTest, PrintsEachRequestWithItsAnswer) {
     std::size_t at = 0;
     for (const auto& text : inOrder) {
         const auto found = run.out.find(text, at);
-        ASSERT_NE(found, std::string::npos) << "missing after offset " << at << ": " << text << "\n" << run.out;
+        ASSERT_NE(found, std::string::npos) << "missing after offset " << at << ": " << text << "\n"
+                                            << run.out;
         at = found + text.size();
     }
     EXPECT_EQ(run.out.find("rdtp://local/0/800000/10.ts\n<"), std::string::npos) << "three segments only";
@@ -183,8 +194,8 @@ TEST(SubtitlesCommandTest, JsonHoldsBothTablesWithDecimalKeys) {
                                                    {"payload", "Cue 2: the pattern at 2 seconds"}}));
     // The WebVTT twin prints the same object, the cue-point document texts only.
     EXPECT_EQ(ovalto("subtitles", {"sample:vtt", "--json"}).out, srt.out);
-    const auto ttml =
-        nlohmann::json::parse(ovalto("subtitles", {"sample:ttml", "--mime", "application/xml+nttml", "--json"}).out);
+    const auto ttml = nlohmann::json::parse(
+        ovalto("subtitles", {"sample:ttml", "--mime", "application/xml+nttml", "--json"}).out);
     EXPECT_EQ(ttml["texts"].size(), 12u);
     EXPECT_TRUE(ttml["cues"].empty());
 }
@@ -308,7 +319,8 @@ TEST(SoakMonitorTest, JudgesGrowthAfterTheWarmUp) {
         for (std::string sample; samples >> sample;) {
             double seconds = 0, rss = 0;
             int descriptors = 0, threads = 0;
-            ASSERT_EQ(std::sscanf(sample.c_str(), "%lf:%lf:%d:%d", &seconds, &rss, &descriptors, &threads), 4);
+            ASSERT_EQ(std::sscanf(sample.c_str(), "%lf:%lf:%d:%d", &seconds, &rss, &descriptors, &threads),
+                      4);
             monitor.add({seconds, static_cast<std::int64_t>(rss * MB), descriptors, threads, 0, 0, {}});
         }
         const auto failure = monitor.failure();
@@ -367,8 +379,9 @@ std::string head(const std::string& headers) {
 
 // A whole HTTP/1.1 answer with a Content-Length; `headers` are extra lines, each ending "\r\n".
 std::string http(int status, std::string_view body, std::string_view headers = {}) {
-    return "HTTP/1.1 " + std::to_string(status) + " Scripted\r\nContent-Length: " + std::to_string(body.size()) +
-           "\r\n" + std::string(headers) + "\r\n" + std::string(body);
+    return "HTTP/1.1 " + std::to_string(status) +
+           " Scripted\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + std::string(headers) +
+           "\r\n" + std::string(body);
 }
 
 TEST(PlayFaultTest, EndsWithTheEnginesErrorAsSoonAsPreparationFails) {
@@ -387,8 +400,8 @@ TEST(PlayFaultTest, EndsWithTheEnginesErrorAsSoonAsPreparationFails) {
         {"connection closed mid-master", "HTTP/1.1 200 OK\r\nContent-Le", "", false, 0x8202},
         {"connection reset mid-master", head("Content-Length: 400\r\n") + master, "", true},
         {"master with invalid UTF-8", http(200, master + "#EXT-X-\xC3\x28\n", contentType), ""},
-        {"master with a NUL", http(200, "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nv/me\0dia.m3u8\n"s, contentType),
-         ""},
+        {"master with a NUL",
+         http(200, "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nv/me\0dia.m3u8\n"s, contentType), ""},
         {"master with a byte-order mark", http(200, "\xEF\xBB\xBF" + master, contentType), ""},
         {"garbage instead of HTTP", "\x16\x03\x01\x02garbage\r\n\r\n", ""},
         {"bad chunked encoding", head("Transfer-Encoding: chunked\r\n") + "zz\r\n#EXTM3U\r\n0\r\n\r\n", ""},
@@ -404,7 +417,8 @@ TEST(PlayFaultTest, EndsWithTheEnginesErrorAsSoonAsPreparationFails) {
         test::TestOrigin origin;
         origin.serve("/master.m3u8", master);
         origin.serve("/v/media.m3u8", media);
-        origin.script("/master.m3u8", {{.fault = c.reset ? Fault::reset : Fault::raw, .raw = c.masterAnswer}}, "GET");
+        origin.script("/master.m3u8", {{.fault = c.reset ? Fault::reset : Fault::raw, .raw = c.masterAnswer}},
+                      "GET");
         if (!c.mediaAnswer.empty())
             origin.script("/v/media.m3u8", {{.fault = Fault::raw, .raw = c.mediaAnswer}}, "GET");
 
