@@ -10,8 +10,11 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <nlohmann/json.hpp>
 #include <pthread.h>
+#include <sys/socket.h>
 
 #include <csignal>
 #include <cstdio>
@@ -240,6 +243,117 @@ TEST(ToolArgumentsTest, BadUsageAndUnreadableInputSayWhyWithTheirExitStatus) {
         EXPECT_EQ(run.status, c.status);
         EXPECT_NE(run.err.find(c.reason), std::string::npos) << run.err;
     }
+}
+
+// MARK: - serve's origin: content types, and the live window sliding over VOD segments
+
+std::vector<std::string> segmentsOf(const std::string& playlist) {
+    std::vector<std::string> uris;
+    std::istringstream in(playlist);
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty() && line[0] != '#') uris.push_back(line);
+    return uris;
+}
+
+TEST(LiveWindowTest, SlidesOneSegmentPerTargetDurationAndLoopsButLeavesMastersAlone) {
+    const std::string vod =
+        "#EXTM3U\r\n#EXT-X-VERSION:7\r\n#EXT-X-TARGETDURATION:2\r\n#EXT-X-MEDIA-SEQUENCE:0\r\n"
+        "#EXT-X-PLAYLIST-TYPE:VOD\r\n#EXT-X-MAP:URI=\"init.mp4\"\r\n"
+        "#EXTINF:2.0,\r\ns0.m4s\r\n#EXTINF:2.0,\r\ns1.m4s\r\n#EXTINF:2.0,\r\ns2.m4s\r\n"
+        "#EXTINF:2.0,\r\ns3.m4s\r\n#EXT-X-ENDLIST\r\n";
+    const struct {
+        std::chrono::milliseconds elapsed;
+        std::string sequence;
+        Args segments;
+        bool discontinuity;
+    } cases[] = {
+        {0ms, "0", {"s0.m4s", "s1.m4s", "s2.m4s"}, false},
+        {1999ms, "0", {"s0.m4s", "s1.m4s", "s2.m4s"}, false},
+        {2000ms, "1", {"s1.m4s", "s2.m4s", "s3.m4s"}, false},
+        {4000ms, "2", {"s2.m4s", "s3.m4s", "s0.m4s"}, true},
+        {16000ms, "8", {"s0.m4s", "s1.m4s", "s2.m4s"}, true},
+    };
+    for (const auto& c : cases) {
+        const auto window = tool::Origin::liveWindow(vod, c.elapsed, 3).value_or("");
+        EXPECT_NE(window.find("#EXT-X-MEDIA-SEQUENCE:" + c.sequence + "\n"), std::string::npos) << window;
+        EXPECT_EQ(segmentsOf(window), c.segments) << window;
+        EXPECT_EQ(std::tuple(window.find("#EXT-X-DISCONTINUITY\n") != std::string::npos,
+                             window.find("ENDLIST"), window.find("PLAYLIST-TYPE")),
+                  std::tuple(c.discontinuity, std::string::npos, std::string::npos))
+            << window;
+        EXPECT_NE(window.find("#EXT-X-MAP:URI=\"init.mp4\""), std::string::npos);
+    }
+    EXPECT_FALSE(tool::Origin::liveWindow("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nv.m3u8\n", 0ms, 3));
+    EXPECT_EQ(segmentsOf(tool::Origin::liveWindow("#EXTM3U\n#EXTINF:4,\nonly.ts\n", 0ms, 3).value_or("")),
+              Args{"only.ts"});
+}
+
+// TCP_NODELAY of every connection this process accepted on `port`.
+std::vector<int> noDelayOfAccepted(int port) {
+    std::vector<int> found;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
+        const int fd = std::stoi(entry.path().filename().string());
+        sockaddr_in local{}, peer{};
+        socklen_t localLength = sizeof(local), peerLength = sizeof(peer), length = sizeof(int);
+        int noDelay = 0;
+        if (::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localLength) == 0 &&
+            local.sin_family == AF_INET && ntohs(local.sin_port) == port &&
+            ::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerLength) == 0 &&
+            ::getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, &length) == 0)
+            found.push_back(noDelay);
+    }
+    return found;
+}
+
+TEST(OriginTest, ServesTheSampleWithHlsContentTypesWithoutNagleDelay) {
+    std::atomic<int> served{0};
+    tool::Origin origin(
+        {.directory = tool::builtInSampleDirectory(), .onRequest = [&](auto&&...) { ++served; }});
+    ASSERT_TRUE(origin.start());
+    httplib::Client client("127.0.0.1", origin.port());
+    client.set_keep_alive(true);
+    auto master = client.Get("/master.m3u8");
+    ASSERT_TRUE(master);
+    EXPECT_EQ(std::tuple(master->status, master->get_header_value("Content-Type")),
+              std::tuple(200, "application/vnd.apple.mpegurl"));
+    EXPECT_NE(master->body.find("#EXT-X-STREAM-INF"), std::string::npos);
+    // httplib sends headers and body in two writes; with Nagle's algorithm the body of each answer
+    // on a kept-alive connection would wait for the client's delayed acknowledgement.
+    EXPECT_EQ(noDelayOfAccepted(origin.port()), std::vector<int>{1});
+    auto segment = client.Get("/video/low/seg0.m4s");
+    ASSERT_TRUE(segment);
+    EXPECT_EQ(segment->get_header_value("Content-Type"), "video/iso.segment");
+    EXPECT_EQ(client.Get("/missing.m3u8")->status, 404);
+    origin.stop();
+    EXPECT_EQ(served.load(), 3);
+}
+
+TEST(OriginTest, LiveModeWindowsMediaPlaylistsAndARestartedOriginContinuesTheStream) {
+    tool::Origin::Options options;
+    options.directory = tool::builtInSampleDirectory();
+    options.live = true;
+    options.liveEpoch = std::chrono::system_clock::now() - 1h;
+    const auto mediaSequence = [&] {
+        tool::Origin origin(options);
+        EXPECT_TRUE(origin.start());
+        httplib::Client client("127.0.0.1", origin.port());
+        auto master = client.Get("/master.m3u8");
+        EXPECT_TRUE(master && master->body.find("video/high/media.m3u8") != std::string::npos);
+        auto media = client.Get("/video/low/media.m3u8");
+        if (!media) return -1L;
+        EXPECT_EQ(media->get_header_value("Content-Type"), "application/vnd.apple.mpegurl");
+        EXPECT_EQ(media->body.find("#EXT-X-ENDLIST"), std::string::npos);
+        EXPECT_EQ(segmentsOf(media->body).size(), 3u);
+        const auto at = media->body.find("#EXT-X-MEDIA-SEQUENCE:");
+        return at == std::string::npos ? -1L : std::atol(media->body.c_str() + at + 22);
+    };
+    const long before = mediaSequence();
+    const long after = mediaSequence();
+    EXPECT_GT(before, 100); // an hour into the stream, not at its start
+    // The second origin's window starts where the first one's was, or a segment later.
+    EXPECT_GE(after, before);
+    EXPECT_LE(after, before + 1);
 }
 
 // MARK: - serve
