@@ -1,24 +1,27 @@
-// The headless player against a loopback origin: what an asset turns out to be, playback to the
-// end, selection, seeking, live, keys and observers, and an origin that fails: the player plays on
-// from its buffer while it retries, gives up with the error when the buffer and its patience are
-// spent, and does not retry what cannot change.
+// The headless player: how it reads playlists, its loading requests and resource loader, and,
+// against a loopback origin, what an asset turns out to be, playback to the end, selection, seeking, live,
+// keys and observers, and an origin that fails: the player plays on from its buffer while it retries, gives
+// up with the error when the buffer and its patience are spent, and does not retry what cannot change.
 #include "platform/Asset.h"
 #include "platform/AssetResourceLoader.h"
 #include "platform/ContentKey.h"
 #include "platform/Cookie.h"
 #include "platform/DispatchQueue.h"
+#include "platform/HlsReader.h"
 #include "platform/LoadingRequest.h"
 #include "platform/NotificationCenter.h"
 #include "platform/Player.h"
 #include "platform/PlayerItem.h"
 #include "platform/ResourceLoaderDelegate.h"
 #include "support/HlsOrigin.h"
+#include "support/LogCapture.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <any>
 #include <atomic>
+#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -29,8 +32,298 @@ using namespace ovalto::platform;
 using namespace std::chrono_literals;
 using ovalto::test::HlsOrigin;
 using Reply = ovalto::tool::Origin::Reply;
+using Kind = LoadingOutcome::Kind;
 
 namespace {
+
+// MARK: - Reading playlists
+
+const Url base = *Url::parse("http://127.0.0.1:8080/live/master.m3u8");
+
+template <class Playlist> Playlist read(const std::string& text) {
+    auto playlist = HlsReader::read(text, base);
+    EXPECT_TRUE(playlist && std::holds_alternative<Playlist>(*playlist)) << text;
+    return playlist ? std::get<Playlist>(*playlist) : Playlist{};
+}
+
+const char* const masterText = R"(#EXTM3U
+#EXT-X-VERSION:7
+#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID="aud",NAME="English",LANGUAGE="en",DEFAULT=NO,URI="audio/en.m3u8"
+#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID="aud",NAME="Japanese",LANGUAGE="ja",DEFAULT=YES,URI="audio/ja.m3u8"
+#EXT-X-MEDIA:TYPE=CLOSED-CAPTIONS,GROUP-ID="cc",NAME="CC1",INSTREAM-ID="CC1"
+#EXT-X-MEDIA:TYPE=VIDEO,GROUP-ID="v",NAME="Wide",DEFAULT=YES,URI="wide.m3u8"
+#EXT-X-MEDIA:TYPE=VIDEO,GROUP-ID="v",NAME="Close",URI="close.m3u8"
+#EXT-X-STREAM-INF:BANDWIDTH=800000,CODECS="avc1.4d401f,mp4a.40.2",AUDIO="aud",CLOSED-CAPTIONS="cc",VIDEO="v"
+low/media.m3u8
+#EXT-X-I-FRAME-STREAM-INF:BANDWIDTH=100000,URI="iframes.m3u8"
+#EXT-X-STREAM-INF:BANDWIDTH=2000000,AVERAGE-BANDWIDTH=1800000,AUDIO="aud",CLOSED-CAPTIONS=NONE
+http://cdn.invalid/high/media.m3u8
+)";
+
+TEST(HlsReader, RenditionChoicePrefersTheNamedThenTheDefaultThenTheFirst) {
+    const auto playlist = read<HlsMasterPlaylist>(masterText);
+    for (const auto& [preferred, expected] : std::vector<std::pair<std::optional<std::string>, std::string>>{
+             {"English", "English"}, {std::nullopt, "Japanese"}, {"Klingon", "Japanese"}}) {
+        const auto* rendition = playlist.rendition("AUDIO", "aud", preferred);
+        ASSERT_NE(rendition, nullptr);
+        EXPECT_EQ(rendition->name, expected);
+    }
+    EXPECT_EQ(playlist.rendition("AUDIO", "other", std::nullopt), nullptr);
+
+    // A VIDEO rendition replaces the variant's own playlist; a variant without a group keeps it.
+    const auto& [low, high] = std::tie(playlist.variants.at(0), playlist.variants.at(1));
+    EXPECT_EQ(playlist.mainPlaylistUrl(low, std::nullopt).lastPathComponent(), "wide.m3u8");
+    EXPECT_EQ(playlist.mainPlaylistUrl(low, "Close").lastPathComponent(), "close.m3u8");
+    EXPECT_EQ(playlist.mainPlaylistUrl(high, std::nullopt).absoluteString(),
+              "http://cdn.invalid/high/media.m3u8");
+}
+
+TEST(HlsReader, MediaPlaylistNumbersSegmentsAndCarriesMapKeysAndRanges) {
+    const auto playlist = read<HlsMediaPlaylist>(R"(#EXTM3U
+#EXT-X-VERSION:7
+#EXT-X-TARGETDURATION:6
+#EXT-X-MEDIA-SEQUENCE:120
+#EXT-X-PLAYLIST-TYPE:VOD
+#EXT-X-MAP:URI="main.mp4",BYTERANGE="720@0"
+#EXT-X-KEY:METHOD=SAMPLE-AES,URI="skd://k1",KEYFORMATVERSIONS="1"
+#EXTINF:6.006,
+#EXT-X-BYTERANGE:1000@720
+main.mp4
+#EXT-X-DISCONTINUITY
+#EXTINF:5.5
+#EXT-X-BYTERANGE:2000
+main.mp4
+#EXT-X-KEY:METHOD=NONE
+#EXTINF:4,title
+other.ts
+#EXT-X-ENDLIST
+)");
+    EXPECT_EQ(std::tuple(playlist.targetDuration, playlist.mediaSequence, playlist.endList,
+                         playlist.playlistType, playlist.isLive()),
+              std::tuple(6, 120, true, "VOD", false));
+    EXPECT_NEAR(playlist.duration(), 15.506, 1e-9);
+    std::vector<std::string> segments;
+    for (const auto& s : playlist.segments) {
+        const auto range = [](const auto& r) { return r ? r->rangeHeader() : std::string("whole"); };
+        segments.push_back(std::to_string(s.sequence) + (s.discontinuity ? " discontinuity" : "") +
+                           (s.map ? " map " + range(s.map->byteRange) : "") +
+                           (s.key ? " key " + s.key->uri.value_or(base).absoluteString() : "") + " " +
+                           range(s.byteRange) + " " + s.uri.absoluteString());
+    }
+    // A range without an offset continues the previous one; METHOD=NONE ends encryption; the map
+    // applies until the next one.
+    EXPECT_EQ(segments,
+              (std::vector<std::string>{
+                  "120 map bytes=0-719 key skd://k1 bytes=720-1719 http://127.0.0.1:8080/live/main.mp4",
+                  "121 discontinuity map bytes=0-719 key skd://k1 bytes=1720-3719 "
+                  "http://127.0.0.1:8080/live/main.mp4",
+                  "122 map bytes=0-719 whole http://127.0.0.1:8080/live/other.ts"}));
+
+    const auto live = read<HlsMediaPlaylist>(
+        "#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:7\n#EXTINF:2,\na.ts\n");
+    EXPECT_TRUE(live.isLive());
+    EXPECT_EQ(live.segments.at(0).sequence, 7);
+}
+
+TEST(HlsReader, RejectsWhatIsNotAUsablePlaylist) {
+    const char* const cases[] = {
+        "",
+        "<html>not a playlist</html>",
+        "#EXTM3U\nseg.ts\n",                                                  // URI without #EXTINF
+        "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\n",                           // variant without URI
+        "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\na.m3u8\n#EXTINF:1,\nb.ts\n", // master and media at once
+        "#EXTM3U\n#EXTINF:abc,\nb.ts\n",                                      // duration that is not a number
+        "#EXTM3U\n#EXTINF:1,\n#EXT-X-BYTERANGE:x@1\nb.ts\n",                  // byte range that is not one
+    };
+    for (const char* text : cases)
+        EXPECT_FALSE(HlsReader::read(text, base)) << text;
+    EXPECT_TRUE(HlsReader::isPlaylist("\xEF\xBB\xBF#EXTM3U\n"));
+}
+
+TEST(HlsReader, AByteOrderMarkIsReadPast) {
+    // Editors and some origins write the mark; players read such playlists like any other.
+    const std::string mark = "\xEF\xBB\xBF";
+    const auto withMark = read<HlsMasterPlaylist>(mark + masterText);
+    ASSERT_EQ(withMark.variants.size(), 2u);
+    EXPECT_EQ(withMark.variants[0].uri.absoluteString(), "http://127.0.0.1:8080/live/low/media.m3u8");
+    EXPECT_EQ(withMark.renditions.size(), 5u);
+    EXPECT_EQ(read<HlsMediaPlaylist>(mark + "#EXTM3U\n#EXTINF:2,\na.ts\n").segments.size(), 1u);
+    // Only at the very start: a mark further on is text like any other.
+    EXPECT_FALSE(HlsReader::read("\n" + mark + "#EXTM3U\n#EXTINF:2,\na.ts\n", base));
+}
+
+// MARK: - Loading requests
+
+// Makes requests and collects the outcomes their completions receive, from any thread.
+class Outcomes {
+public:
+    std::shared_ptr<LoadingRequest> request(LoadingRequest::Parts parts = {}) {
+        return LoadingRequest::create(UrlRequest(*Url::parse("cplp://local/master.m3u8")), parts,
+                                      [this](const LoadingOutcome& outcome) {
+                                          std::lock_guard lock(mutex_);
+                                          outcomes_.push_back(outcome);
+                                          changed_.notify_all();
+                                      });
+    }
+    // Waits (as a hang guard) for the first outcome.
+    LoadingOutcome first() {
+        std::unique_lock lock(mutex_);
+        EXPECT_TRUE(changed_.wait_for(lock, std::chrono::seconds(10), [this] { return !outcomes_.empty(); }));
+        return outcomes_.empty() ? LoadingOutcome{} : outcomes_.front();
+    }
+    std::size_t count() {
+        std::lock_guard lock(mutex_);
+        return outcomes_.size();
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<LoadingOutcome> outcomes_;
+};
+
+// Redirects, errors and content types reach the player in the player's delegate and key tests;
+// data answered in pieces is only here.
+TEST(LoadingRequest, DataAnsweredInPiecesReachesThePlayerWhole) {
+    Outcomes outcomes;
+    auto request = outcomes.request({.requestedOffset = 100});
+    request->dataRequest()->respond("#EXTM3U\n");
+    request->dataRequest()->respond("#EXT-X-ENDLIST\n");
+    EXPECT_EQ(request->dataRequest()->currentOffset(), 100 + 23);
+    request->finishLoading();
+    EXPECT_EQ(std::tuple(outcomes.first().kind, outcomes.first().data, request->isFinished()),
+              std::tuple(Kind::data, "#EXTM3U\n#EXT-X-ENDLIST\n", true));
+}
+
+TEST(LoadingRequest, AnswerAfterThePlayerGaveUpIsIgnoredQuietly) {
+    ovalto::test::LogCapture log;
+    Outcomes outcomes;
+    auto request = outcomes.request();
+    request->cancel();
+    request->dataRequest()->respond("late");
+    request->finishLoading();
+    EXPECT_EQ(
+        std::tuple(outcomes.first().kind, outcomes.count(), request->isCancelled(), request->isFinished()),
+        std::tuple(Kind::cancelled, 1u, true, false));
+    EXPECT_FALSE(log.contains("finished twice"));
+}
+
+#ifdef NDEBUG
+TEST(LoadingRequest, SecondFinishIsIgnoredAndLoggedInReleaseBuilds) {
+    ovalto::test::LogCapture log;
+    Outcomes outcomes;
+    auto request = outcomes.request();
+    request->dataRequest()->respond("one");
+    request->finishLoading();
+    request->finishLoading(Error{"X", 1, "second", {}});
+    EXPECT_EQ(std::tuple(outcomes.count(), outcomes.first().data), std::tuple(1u, "one"));
+    EXPECT_TRUE(log.contains("finished twice"));
+}
+#else
+TEST(LoadingRequestDeathTest, SecondFinishIsCaughtInDebugBuilds) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            Outcomes outcomes;
+            auto request = outcomes.request();
+            request->finishLoading();
+            request->finishLoading();
+        },
+        "finished exactly once");
+}
+#endif
+
+// The player gives up on one thread while the answer arrives on another: one outcome, always.
+TEST(LoadingRequest, RaceBetweenAnswerAndCancelEndsItExactlyOnce) {
+    for (int round = 0; round < 200; ++round) {
+        Outcomes outcomes;
+        auto request = outcomes.request();
+        std::thread answerer([&] {
+            request->dataRequest()->respond("bytes");
+            request->finishLoading();
+        });
+        std::thread player([&] { request->cancel(); });
+        answerer.join();
+        player.join();
+        ASSERT_EQ(outcomes.count(), 1u);
+        EXPECT_NE(request->isFinished(), request->isCancelled());
+    }
+}
+
+// MARK: - The asset's resource loader
+
+// Answers according to `answer`, and remembers where it was called.
+struct ScriptedDelegate : ResourceLoaderDelegate {
+    std::function<bool(const std::shared_ptr<LoadingRequest>&)> answer;
+    std::atomic<bool> onQueue{true};
+    std::atomic<int> cancels{0};
+    std::shared_ptr<DispatchQueue> queue = DispatchQueue::serial("test.resource");
+
+    bool shouldWaitForLoadingOfRequestedResource(AssetResourceLoader&,
+                                                 const std::shared_ptr<LoadingRequest>& request) override {
+        if (!queue->isCurrent()) onQueue = false;
+        return answer(request);
+    }
+    void didCancelLoadingRequest(AssetResourceLoader&, const std::shared_ptr<LoadingRequest>&) override {
+        if (!queue->isCurrent()) onQueue = false;
+        ++cancels;
+    }
+};
+
+struct LoaderFixture : ::testing::Test {
+    std::shared_ptr<AssetResourceLoader> loader = AssetResourceLoader::create();
+    std::shared_ptr<ScriptedDelegate> delegate = std::make_shared<ScriptedDelegate>();
+    Outcomes outcomes;
+
+    void SetUp() override { loader->setDelegate(delegate, delegate->queue); }
+};
+
+TEST_F(LoaderFixture, RequestFailsWhenTheDelegateDeclinesUnlessAnsweredBeforeDeclining) {
+    delegate->answer = [](const auto&) { return false; };
+    Outcomes declined;
+    loader->load(declined.request());
+    EXPECT_EQ(declined.first().error->code, loaderErrorNoDelegate);
+
+    delegate->answer = [](const std::shared_ptr<LoadingRequest>& request) {
+        request->dataRequest()->respond("data");
+        request->finishLoading();
+        return false;
+    };
+    loader->load(outcomes.request());
+    EXPECT_EQ(std::tuple(outcomes.first().kind, outcomes.first().data), std::tuple(Kind::data, "data"));
+}
+
+TEST_F(LoaderFixture, DelegateIsCalledOnItsQueueAndHeldWeakly) {
+    delegate->answer = [](const std::shared_ptr<LoadingRequest>& request) {
+        DispatchQueue::global()->async([request] { request->finishLoading(); });
+        return true;
+    };
+    loader->load(outcomes.request());
+    EXPECT_EQ(outcomes.first().kind, Kind::data);
+    EXPECT_TRUE(delegate->onQueue);
+
+    std::weak_ptr<ScriptedDelegate> weak = delegate;
+    delegate->queue->sync([] {}); // the loader's block has let go of it
+    delegate.reset();
+    EXPECT_TRUE(weak.expired());
+    Outcomes orphaned;
+    loader->load(orphaned.request());
+    EXPECT_EQ(orphaned.first().error->code, loaderErrorNoDelegate);
+}
+
+TEST_F(LoaderFixture, CancellingTellsTheDelegateOnItsQueue) {
+    delegate->answer = [](const auto&) { return true; }; // taken on, never answered
+    auto request = outcomes.request();
+    loader->load(request);
+    delegate->queue->sync([] {}); // the delegate has seen it
+    loader->cancel(request);
+    EXPECT_EQ(outcomes.first().kind, Kind::cancelled);
+    delegate->queue->sync([] {});
+    EXPECT_EQ(delegate->cancels, 1);
+    EXPECT_TRUE(delegate->onQueue);
+}
+
+// MARK: - Playback
 
 // Polls `done` until it holds; the deadline only guards against a hang.
 bool waitUntil(const std::function<bool()>& done) {

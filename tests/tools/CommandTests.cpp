@@ -1,5 +1,6 @@
 // The `ovalto` tool's commands as a user runs them, in this process with standard output and
-// error captured: what each prints, the exit statuses, and the messages a user gets on failure.
+// error captured: what each prints, the exit statuses, and the messages a user gets on failure;
+// the tool's origin and soak monitor; real players through the bridge.
 #include "Command.h"
 #include "Origin.h"
 #include "RewriteCommand.h"
@@ -18,6 +19,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -557,5 +559,96 @@ TEST(PlayFaultTest, WithJsonTheLibrarysPrintsGoToStandardError) {
     EXPECT_NE(play.run.err.find("405\n"), std::string::npos) << play.run.err;
     EXPECT_EQ(play.error().value("code", 0), 0x8201);
 }
+
+// MARK: - bridge: real HLS players (ffmpeg, mpv, GStreamer) on the built-in sample served by one
+// loopback origin with a second one as the edge: the segments must come from the edge the library
+// chose, the playlists from the origin through the library's listener.
+
+bool installed(const std::string& program) {
+    return std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+std::string contentOf(const std::filesystem::path& path) {
+    return tool::readFile(path.string()).value_or("");
+}
+
+// Duration in seconds of a media file, as ffprobe reads it; 0 when it cannot.
+double durationOf(const std::filesystem::path& path) {
+    const auto out = path.string() + ".duration";
+    std::system(("ffprobe -v error -show_entries format=duration -of csv=p=0 '" + path.string() + "' > '" +
+                 out + "' 2>/dev/null")
+                    .c_str());
+    return std::atof(contentOf(out).c_str());
+}
+
+// How many requests `origin` answered whose path ends with `suffix`.
+int count(const tool::Origin& origin, const std::string& suffix) {
+    const auto all = origin.requests();
+    return static_cast<int>(std::count_if(
+        all.begin(), all.end(), [&](const tool::Origin::Exchange& e) { return e.path.ends_with(suffix); }));
+}
+
+struct ClientRow {
+    const char* what; // the test's name
+    const char* program;
+    // {} is the master URL, {out} a file in the test's directory.
+    std::string command;
+    // What the run must have left in the test's directory.
+    std::function<void(const std::filesystem::path& directory)> check;
+};
+
+class RealClientTest : public ::testing::TestWithParam<ClientRow> {};
+
+TEST_P(RealClientTest, PlaysThroughTheBridgeFromTheChosenEdge) {
+    const auto& row = GetParam();
+    if (!installed(row.program)) GTEST_SKIP() << row.program << " is not installed (./ovalto.sh setup)";
+    const auto directory = std::filesystem::temp_directory_path() /
+                           ("ovalto-client-" + std::to_string(::getpid()) + "-" + row.program);
+    std::filesystem::create_directories(directory);
+
+    tool::Origin::Options sample;
+    sample.directory = tool::builtInSampleDirectory();
+    tool::Origin origin(sample), edge(sample);
+    ASSERT_TRUE(origin.start() && edge.start());
+    std::string edgeUrl = edge.baseUrl();
+    edgeUrl.pop_back(); // the library appends the segment's path below the master's directory
+
+    std::string command = row.command;
+    command.replace(command.find("{out}"), 5, (directory / "out").string());
+    const auto run = ovalto("bridge", {origin.baseUrl() + "master.m3u8", "--edge", "1=" + edgeUrl,
+                                       "--log-level", "silent", "--exec", "timeout 60 " + command});
+    const std::string timeline = run.out + run.err;
+
+    EXPECT_EQ(run.status, 0) << timeline;
+    row.check(directory);
+    // Segments from the edge only; the origin served the playlists (to the library) and the
+    // initialisation sections, which are never moved.
+    EXPECT_GT(count(edge, ".m4s"), 0);
+    EXPECT_EQ(std::tuple(count(origin, ".m4s"), count(edge, ".m3u8")), std::tuple(0, 0));
+    EXPECT_GT(count(origin, ".m3u8"), 0);
+    EXPECT_NE(timeline.find("manifest request"), std::string::npos);
+    EXPECT_NE(timeline.find("GET /cplp/local/master.m3u8 20"), std::string::npos);
+    std::filesystem::remove_all(directory);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Clients, RealClientTest,
+    ::testing::Values(
+        ClientRow{"FfmpegCopiesEveryStreamOfTheSample", "ffmpeg",
+                  "ffmpeg -nostdin -v error -i {} -map 0 -c copy -f mp4 {out}.mp4",
+                  [](const auto& directory) { EXPECT_NEAR(durationOf(directory / "out.mp4"), 12.0, 0.5); }},
+        ClientRow{"MpvPlaysToTheEnd", "mpv",
+                  "mpv --no-config --vo=null --ao=null --untimed --speed=10 --audio-pitch-correction=no "
+                  "--really-quiet --log-file={out}.log {}",
+                  [](const auto& directory) {
+                      EXPECT_NE(contentOf(directory / "out.log").find("Exiting... (End of file)"),
+                                std::string::npos);
+                  }},
+        ClientRow{"GStreamerPlaybinReachesEndOfStream", "gst-launch-1.0",
+                  "gst-launch-1.0 playbin uri={} video-sink=fakesink audio-sink=fakesink > {out}.log",
+                  [](const auto& directory) {
+                      EXPECT_NE(contentOf(directory / "out.log").find("Got EOS"), std::string::npos);
+                  }}),
+    [](const auto& info) { return std::string(info.param.what); });
 
 } // namespace
