@@ -21,7 +21,6 @@
 #include <algorithm>
 #include <any>
 #include <atomic>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -35,6 +34,16 @@ using Reply = ovalto::tool::Origin::Reply;
 using Kind = LoadingOutcome::Kind;
 
 namespace {
+
+// Polls `done` until it holds; the deadline only guards against a hang.
+bool waitUntil(const std::function<bool()>& done) {
+    const auto end = std::chrono::steady_clock::now() + 15s;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(5ms);
+    }
+    return true;
+}
 
 // MARK: - Reading playlists
 
@@ -155,31 +164,27 @@ TEST(HlsReader, AByteOrderMarkIsReadPast) {
 // MARK: - Loading requests
 
 // Makes requests and collects the outcomes their completions receive, from any thread.
-class Outcomes {
-public:
+struct Outcomes {
     std::shared_ptr<LoadingRequest> request(LoadingRequest::Parts parts = {}) {
         return LoadingRequest::create(UrlRequest(*Url::parse("cplp://local/master.m3u8")), parts,
                                       [this](const LoadingOutcome& outcome) {
-                                          std::lock_guard lock(mutex_);
-                                          outcomes_.push_back(outcome);
-                                          changed_.notify_all();
+                                          std::lock_guard lock(mutex);
+                                          all.push_back(outcome);
                                       });
     }
-    // Waits (as a hang guard) for the first outcome.
+    // The first outcome, once there is one.
     LoadingOutcome first() {
-        std::unique_lock lock(mutex_);
-        EXPECT_TRUE(changed_.wait_for(lock, std::chrono::seconds(10), [this] { return !outcomes_.empty(); }));
-        return outcomes_.empty() ? LoadingOutcome{} : outcomes_.front();
+        EXPECT_TRUE(waitUntil([this] { return count() > 0; }));
+        std::lock_guard lock(mutex);
+        return all.empty() ? LoadingOutcome{} : all.front();
     }
     std::size_t count() {
-        std::lock_guard lock(mutex_);
-        return outcomes_.size();
+        std::lock_guard lock(mutex);
+        return all.size();
     }
 
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<LoadingOutcome> outcomes_;
+    std::mutex mutex;
+    std::vector<LoadingOutcome> all;
 };
 
 // Redirects, errors and content types reach the player in the player's delegate and key tests;
@@ -299,8 +304,7 @@ TEST_F(LoaderFixture, DelegateIsCalledOnItsQueueAndHeldWeakly) {
         return true;
     };
     loader->load(outcomes.request());
-    EXPECT_EQ(outcomes.first().kind, Kind::data);
-    EXPECT_TRUE(delegate->onQueue);
+    EXPECT_EQ(std::tuple(outcomes.first().kind, delegate->onQueue.load()), std::tuple(Kind::data, true));
 
     std::weak_ptr<ScriptedDelegate> weak = delegate;
     delegate->queue->sync([] {}); // the loader's block has let go of it
@@ -319,21 +323,10 @@ TEST_F(LoaderFixture, CancellingTellsTheDelegateOnItsQueue) {
     loader->cancel(request);
     EXPECT_EQ(outcomes.first().kind, Kind::cancelled);
     delegate->queue->sync([] {});
-    EXPECT_EQ(delegate->cancels, 1);
-    EXPECT_TRUE(delegate->onQueue);
+    EXPECT_EQ(std::tuple(delegate->cancels.load(), delegate->onQueue.load()), std::tuple(1, true));
 }
 
 // MARK: - Playback
-
-// Polls `done` until it holds; the deadline only guards against a hang.
-bool waitUntil(const std::function<bool()>& done) {
-    const auto end = std::chrono::steady_clock::now() + 15s;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
-}
 
 // Records what an item reports, in order: observed changes ("status=readyToPlay",
 // "playbackBufferEmpty=true", …) and notifications (by name), each with the clock at that moment.
