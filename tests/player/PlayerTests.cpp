@@ -842,12 +842,12 @@ TEST_F(PlayerTest, SeekPostsTimeJumpedAndLoadsFromTheNewPlace) {
     const auto before = media().size();
 
     std::atomic<int> finished{-1};
-    playback.player->seek(MediaTime::makeWithSeconds(4.0, 1000), [&](bool done) { finished = done ? 1 : 0; });
+    playback.player->seek(MediaTime::makeWithSeconds(4.0, 1000), [&](bool done) { finished = done; });
     ASSERT_TRUE(waitUntil([&] { return finished != -1; }));
     EXPECT_EQ(finished, 1);
     EXPECT_TRUE(playback.watcher.saw(playerItemTimeJumpedNotification));
-    EXPECT_NEAR(playback.player->currentTime().seconds(), 4.0,
-                1e-3); // paused: the clock stays where it was put
+    // Paused: the clock stays where it was put.
+    EXPECT_NEAR(playback.player->currentTime().seconds(), 4.0, 1e-3);
     const auto afterSeek = media();
     ASSERT_GT(afterSeek.size(), before);
     EXPECT_EQ(afterSeek[before].path, "/seek/seg8.ts");

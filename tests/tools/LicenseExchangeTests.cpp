@@ -3,7 +3,6 @@
 #include "LicenseServer.h"
 #include "Resources/FairPlayKeyResource.h"
 #include "Resources/LicenseExchange.h"
-#include "Utils/Base64.h"
 #include "ovalto/Notifications.h"
 #include "ovalto/OVAKeyLoaderDelegate.h"
 #include "ovalto/Ovalto.h"
@@ -17,7 +16,6 @@
 #include "platform/PlayerItem.h"
 #include "platform/RunLoop.h"
 #include "platform/SegmentCipher.h"
-#include "support/LoopbackServer.h"
 #include "support/TestOrigin.h"
 
 #include <gtest/gtest.h>
