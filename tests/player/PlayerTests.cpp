@@ -908,8 +908,9 @@ TEST_P(KeyRequests, EachSkdKeyReachesTheDelegateOnceBeforeItsSegments) {
                             [&](auto& url) { return url.ends_with(suffix); }) -
                requests.begin();
     };
-    EXPECT_EQ(std::count(requests.begin(), requests.end(), "skd://key1"), 1);
-    EXPECT_EQ(std::count(requests.begin(), requests.end(), "skd://key2"), 1);
+    EXPECT_EQ(std::tuple(std::count(requests.begin(), requests.end(), "skd://key1"),
+                         std::count(requests.begin(), requests.end(), "skd://key2")),
+              std::tuple(1, 1));
     EXPECT_LT(first("skd://key1"), first("seg0.m4s"));
     EXPECT_LT(first("skd://key2"), first("seg2.m4s"));
     // Preloaded keys are asked for when the playlist is read.
@@ -957,9 +958,8 @@ TEST_F(PlayerTest, DelegateErrorFailsTheItemWithThatError) {
     delegate->failSuffix = "/err/media.m3u8";
     Playback playback(item("/err/media.m3u8", true), settings, 1);
     ASSERT_TRUE(playback.watcher.waitFor("status=failed"));
-    ASSERT_TRUE(playback.item->error());
-    EXPECT_EQ(std::tuple(playback.item->error()->domain, playback.item->error()->code),
-              std::tuple("OvaltoError", 0x8400));
+    const Error error = playback.item->error().value_or(Error{});
+    EXPECT_EQ(std::tuple(error.domain, error.code), std::tuple("OvaltoError", 0x8400));
 }
 
 TEST_F(PlayerTest, MissingSegmentFillsTheErrorLogAndPostsFailedToPlayToEnd) {
@@ -969,9 +969,8 @@ TEST_F(PlayerTest, MissingSegmentFillsTheErrorLogAndPostsFailedToPlayToEnd) {
     const auto& item = playback.item;
     ASSERT_TRUE(playback.watcher.waitFor(playerItemFailedToPlayToEndTimeNotification));
 
-    EXPECT_EQ(item->status(), PlayerItem::Status::failed);
-    ASSERT_TRUE(item->error());
-    EXPECT_EQ(item->error()->domain, httpStatusErrorDomain);
+    EXPECT_EQ(std::tuple(item->status(), item->error().value_or(Error{}).domain),
+              std::tuple(PlayerItem::Status::failed, httpStatusErrorDomain));
     const auto log = errorLog(*item);
     ASSERT_EQ(log.size(), 1u); // a 404 is not tried again
     EXPECT_EQ(std::tuple(log[0].errorStatusCode, log[0].isFatal, log[0].serverAddress,
@@ -1024,10 +1023,9 @@ TEST_F(PlayerTest, OutageLongerThanBufferAndPatienceFailsWithTheNetworkError) {
     const double buffered = bufferedEnd(*item);
     ASSERT_TRUE(playback.watcher.waitFor(playerItemFailedToPlayToEndTimeNotification));
 
-    EXPECT_EQ(item->status(), PlayerItem::Status::failed);
-    ASSERT_TRUE(item->error());
-    EXPECT_EQ(item->error()->domain, Error::urlDomain);
-    EXPECT_FALSE(item->error()->localizedDescription.empty());
+    const Error error = item->error().value_or(Error{});
+    EXPECT_EQ(std::tuple(item->status(), error.domain, error.localizedDescription.empty()),
+              std::tuple(PlayerItem::Status::failed, Error::urlDomain, false));
     EXPECT_GE(item->currentTime().seconds(), buffered - 0.01); // it played what it had
     const auto log = errorLog(*item);
     ASSERT_GE(log.size(), 3u);
@@ -1066,9 +1064,9 @@ TEST_F(PlayerTest, SegmentStatusesThatCannotChangeFailAtOnceOthersAreRetried) {
         const int requests = origin->requestCount(name + "/seg1.ts");
         EXPECT_TRUE(row.requests > 0 ? requests == row.requests : requests > 1) << requests;
         if (!row.plays) {
-            ASSERT_TRUE(playback.item->error());
-            EXPECT_EQ(playback.item->error()->code, status);
-            EXPECT_EQ(origin->requestCount(name + "/seg2.ts"), 0);
+            EXPECT_EQ(std::tuple(playback.item->error().value_or(Error{}).code,
+                                 origin->requestCount(name + "/seg2.ts")),
+                      std::tuple(status, 0));
         }
         EXPECT_EQ(errorLog(*playback.item).size(), static_cast<std::size_t>(requests - (row.plays ? 1 : 0)));
     }
