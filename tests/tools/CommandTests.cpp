@@ -478,8 +478,7 @@ TEST(PlayFaultTest, EndsWithTheEnginesErrorAsSoonAsPreparationFails) {
     const std::string masterOk = http(200, master, contentType);
     const struct {
         const char* what;
-        std::string masterAnswer;
-        std::string mediaAnswer;
+        std::string masterAnswer, mediaAnswer;
         bool reset = false;
         int code = 0x8201; // an asset key failed to load; 0x8202: loaded, but not playable
     } cases[] = {

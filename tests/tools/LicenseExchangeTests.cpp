@@ -55,7 +55,6 @@ std::string keyOf(const std::variant<platform::ContentKey, Error>& key) {
 
 // What a finished key request handed the player.
 struct KeyAnswer {
-    std::optional<Error> error;
     platform::LoadingOutcome outcome;
     int finishes = 0;
     // The key the player gets out of the answer.
@@ -102,8 +101,7 @@ protected:
         FairPlayKeyResource resource;
         resource.configurations = configurations;
         resource.load(request, nullptr, [&](Result result) {
-            answer.error = result.error() ? std::optional(*result.error()) : std::nullopt;
-            answer.error ? request->finishLoading(*answer.error) : request->finishLoading();
+            result.error() ? request->finishLoading(*result.error()) : request->finishLoading();
         });
         return answer;
     }
@@ -148,7 +146,7 @@ TEST_F(LicenseTest, CertificateComesFromDataBeforeUrlAndFailsClearly) {
         if (row.url) configurations[ConfigurationKey::certUrl] = *row.url;
         const auto answer = playbackKey();
         EXPECT_EQ(std::tuple(answer.finishes, certificates.requestCount("/app.cer") - readsBefore,
-                             ovaltoCode(answer.error), answer.error ? "" : answer.key()),
+                             ovaltoCode(answer.outcome.error), answer.outcome.error ? "" : answer.key()),
                   std::tuple(1, row.urlReads, row.ovaltoCode, row.key));
     }
 }
@@ -183,10 +181,10 @@ TEST_F(LicenseTest, AnswersOfTheServerBecomeAKeyOrTheErrorTheyDeserve) {
         configurations[ConfigurationKey::licenseServerUrl] = *platform::Url::parse(faulty.url());
         const auto answer = playbackKey();
         // Never retried; no content type on the licence path.
-        const Error error = answer.error.value_or(Error{});
+        const Error error = answer.outcome.error.value_or(Error{});
         EXPECT_EQ(std::tuple(answer.finishes, faulty.exchanges().size(), error.domain,
-                             ovaltoCode(answer.error), answer.outcome.contentType,
-                             answer.error ? "" : answer.key()),
+                             ovaltoCode(answer.outcome.error), answer.outcome.contentType,
+                             answer.outcome.error ? "" : answer.key()),
                   std::tuple(1, 1u, row.errorDomain, row.ovaltoCode, std::nullopt, row.key));
         // The status is in the domain's name, not in the code.
         EXPECT_TRUE(row.fault != Fault::status || error.code == 0) << error.code;
@@ -201,7 +199,7 @@ TEST_F(LicenseTest, RequestGoesOnTheWireAsWritten) {
     std::string seen;
     for (int i = 0; i < 40 && !(seen.find('+') != std::string::npos && seen.find('/') != std::string::npos);
          ++i) {
-        ASSERT_FALSE(playbackKey().error);
+        ASSERT_FALSE(playbackKey().outcome.error);
         const auto exchange = server.exchanges().back();
         ASSERT_EQ(exchange.status, 200) << exchange.reason;
         EXPECT_TRUE(std::regex_match(exchange.body, std::regex("spc=[A-Za-z0-9+/]+=*&assetId=abc123")))
@@ -219,7 +217,7 @@ TEST_F(LicenseTest, RequestGoesOnTheWireAsWritten) {
     EXPECT_EQ(std::tuple(made.headers.all(), made.httpMethod, made.timeoutInterval),
               std::tuple(headers, "POST", 30.0));
     configurations.erase(ConfigurationKey::licenseServerUrl);
-    EXPECT_EQ(ovaltoCode(playbackKey().error), 0x8601);
+    EXPECT_EQ(ovaltoCode(playbackKey().outcome.error), 0x8601);
 }
 
 TEST_F(LicenseTest, StoredKeyIsAnsweredWithoutTheNetworkUntilDeleted) {
