@@ -5,6 +5,7 @@
 #include "support/LogCapture.h"
 
 #include <cairo.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -47,7 +48,7 @@ QOEViewInfo viewInfo(std::string position, std::int32_t percent = 15) {
 
 const QOEHighlyCriticalInfo alert{"Réseau instable", "通信が不安定です", "Wait"};
 
-// The box around every pixel that differs from the background, in a PNG file.
+// The box around every pixel of a view's drawing that differs from the background.
 struct Ink {
     int minX = INT32_MAX, minY = INT32_MAX, maxX = -1, maxY = -1;
     bool any() const { return maxX >= 0; }
@@ -55,10 +56,14 @@ struct Ink {
     double centreY() const { return (minY + maxY) / 2.0; }
 };
 
-Ink inkIn(const std::string& path, std::uint32_t background) {
+Ink inkOf(platform::View& view, std::uint32_t background) {
+    const auto path =
+        std::filesystem::temp_directory_path() / ("prealert-" + std::to_string(::getpid()) + ".png");
+    EXPECT_TRUE(view.writePNG(path.string()));
     Ink ink;
     cairo_surface_t* image = cairo_image_surface_create_from_png(path.c_str());
-    EXPECT_EQ(cairo_surface_status(image), CAIRO_STATUS_SUCCESS) << path;
+    std::filesystem::remove(path);
+    EXPECT_EQ(cairo_surface_status(image), CAIRO_STATUS_SUCCESS);
     const int width = cairo_image_surface_get_width(image), height = cairo_image_surface_get_height(image);
     const int stride = cairo_image_surface_get_stride(image);
     const unsigned char* data = cairo_image_surface_get_data(image);
@@ -79,10 +84,7 @@ Ink inkIn(const std::string& path, std::uint32_t background) {
 class PreAlertViewTest : public ::testing::Test {
 protected:
     void SetUp() override { Ovalto::logLevel = OVALogLevel::warning; }
-    void TearDown() override {
-        std::filesystem::remove(png);
-        Ovalto::logLevel = OVALogLevel::debug;
-    }
+    void TearDown() override { Ovalto::logLevel = OVALogLevel::debug; }
 
     // The overlay as the QoE manager makes it, with the hide actions kept for the test to run.
     std::shared_ptr<PreAlertView> makeView() {
@@ -95,20 +97,12 @@ protected:
 
     std::vector<std::pair<std::chrono::steady_clock::duration, std::shared_ptr<platform::DispatchWorkItem>>>
         hides;
-    const std::string png =
-        (std::filesystem::temp_directory_path() / ("prealert-" + std::to_string(::getpid()) + ".png"))
-            .string();
 };
 
 TEST_F(PreAlertViewTest, EachPositionPlacesTheDrawnTextWhereItSays) {
     using Horizontal = platform::TextAlignment;
     using Vertical = PreAlertView::VerticalAlignment;
-    struct Case {
-        const char* position;
-        Horizontal horizontal;
-        Vertical vertical;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, Horizontal, Vertical> cases[] = {
         {"TOP_LEFT", Horizontal::left, Vertical::top},
         {"TOP_RIGHT", Horizontal::right, Vertical::top},
         {"UNDER_LEFT", Horizontal::left, Vertical::bottom},
@@ -117,49 +111,35 @@ TEST_F(PreAlertViewTest, EachPositionPlacesTheDrawnTextWhereItSays) {
         {"top_left", Horizontal::center, Vertical::center},
     };
     constexpr double width = 640, height = 360;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.position);
+    for (const auto& [position, horizontal, vertical] : cases) {
+        SCOPED_TRACE(position);
         auto view = makeView();
-        view->show(alert, viewInfo(c.position));
+        view->show(alert, viewInfo(position));
         drainMainQueue();
         EXPECT_FALSE(view->isHidden());
-        EXPECT_EQ(view->textAlignment(), c.horizontal);
-        const double fitted = view->sizeThatFits({width, INFINITY}).height;
+        EXPECT_EQ(view->textAlignment(), horizontal);
+        const double fitted = view->sizeThatFits({width, INFINITY}).height, top = -view->contentOffset().y;
         ASSERT_GT(fitted, 0);
         ASSERT_LT(fitted, height);
-        const double top = -view->contentOffset().y;
         EXPECT_GE(top, 1.0);
 
-        ASSERT_TRUE(view->writePNG(png));
-        const auto ink = inkIn(png, 0xFF000000); // opaque black background
+        const auto ink = inkOf(*view, 0xFF000000); // opaque black background
         ASSERT_TRUE(ink.any());
-        switch (c.horizontal) {
-        case Horizontal::left:
-            EXPECT_LT(ink.minX, width * 0.05);
-            EXPECT_LT(ink.maxX, width * 0.8);
-            break;
-        case Horizontal::right:
-            EXPECT_GT(ink.maxX, width * 0.95);
-            EXPECT_GT(ink.minX, width * 0.2);
-            break;
-        case Horizontal::center:
-            EXPECT_NEAR(ink.centreX(), width / 2, width * 0.05);
-            break;
-        }
-        switch (c.vertical) {
-        case Vertical::top:
-            EXPECT_EQ(top, 1.0);
-            EXPECT_LT(ink.minY, height * 0.1);
-            break;
-        case Vertical::bottom:
-            EXPECT_NEAR(top + fitted, height, 0.5);
-            EXPECT_GT(ink.maxY, height * 0.9);
-            break;
-        case Vertical::center:
-            EXPECT_NEAR(top + fitted / 2, height / 2, 0.5);
-            EXPECT_NEAR(ink.centreY(), height / 2, height * 0.1);
-            break;
-        }
+        // Where the text frame and the drawn ink are, told from their edges.
+        const auto across =
+            ink.minX < width * 0.05 && ink.maxX < width * 0.8     ? std::optional(Horizontal::left)
+            : ink.maxX > width * 0.95 && ink.minX > width * 0.2   ? std::optional(Horizontal::right)
+            : std::abs(ink.centreX() - width / 2) <= width * 0.05 ? std::optional(Horizontal::center)
+                                                                  : std::nullopt;
+        const auto down = top == 1.0 && ink.minY < height * 0.1 ? std::optional(Vertical::top)
+                          : std::abs(top + fitted - height) <= 0.5 && ink.maxY > height * 0.9
+                              ? std::optional(Vertical::bottom)
+                          : std::abs(top + fitted / 2 - height / 2) <= 0.5 &&
+                                  std::abs(ink.centreY() - height / 2) <= height * 0.1
+                              ? std::optional(Vertical::center)
+                              : std::nullopt;
+        EXPECT_EQ(across, horizontal);
+        EXPECT_EQ(down, vertical);
     }
 }
 
@@ -172,11 +152,7 @@ TEST_F(PreAlertViewTest, ATextTallerThanTheViewStartsOnePointBelowTheTop) {
 }
 
 TEST_F(PreAlertViewTest, ColoursAreReadFromHexText) {
-    struct Case {
-        const char* text;
-        Color expected;
-    };
-    const Case cases[] = {
+    const std::pair<const char*, Color> cases[] = {
         {"#00ff00", {0, 1, 0, 1}},
         {"zz", {0, 0, 0, 1}},
         {"", {0, 0, 0, 1}},
@@ -185,14 +161,8 @@ TEST_F(PreAlertViewTest, ColoursAreReadFromHexText) {
         {"#AABBCCDD", {0xBB / 255.0, 0xCC / 255.0, 0xDD / 255.0, 1}}, // higher bits are dropped
         {"#12zz56", {0, 0, 0x12 / 255.0, 1}},                         // the scan stops at z
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
-        const auto color = PreAlertView::color(c.text);
-        EXPECT_DOUBLE_EQ(color.red, c.expected.red);
-        EXPECT_DOUBLE_EQ(color.green, c.expected.green);
-        EXPECT_DOUBLE_EQ(color.blue, c.expected.blue);
-        EXPECT_EQ(color.alpha, 1);
-    }
+    for (const auto& [text, expected] : cases)
+        EXPECT_EQ(PreAlertView::color(text), expected) << text;
 }
 
 TEST_F(PreAlertViewTest, EachTextCarriesItsOwnStyleInUtf16Ranges) {
@@ -206,31 +176,27 @@ TEST_F(PreAlertViewTest, EachTextCarriesItsOwnStyleInUtf16Ranges) {
     EXPECT_EQ(text.string(), "警告😀\n\nab\n\nc");
     EXPECT_EQ(text.length(), 11u);
 
-    struct Case {
-        std::size_t at;
-        std::optional<double> size;
-        bool bold, italic, underlined;
-        Color color;
+    // at: size (none: no font), bold, italic, underlined, colour
+    using Style = std::tuple<std::optional<double>, bool, bool, bool, std::optional<Color>>;
+    const Style plain{std::nullopt, false, false, false, std::nullopt};
+    const std::pair<std::size_t, Style> cases[] = {
+        {0, {40, true, true, true, Color{1, 0, 0, 1}}},
+        {3, {40, true, true, true, Color{1, 0, 0, 1}}},
+        {4, plain},
+        {5, plain},
+        {6, {80, false, false, false, Color{0, 0, 1, 1}}},
+        {7, {80, false, false, false, Color{0, 0, 1, 1}}},
+        {8, plain},
+        {10, {20, false, true, false, Color{0, 1, 0, 1}}},
     };
-    const Case cases[] = {
-        {0, 40, true, true, true, {1, 0, 0, 1}},    {3, 40, true, true, true, {1, 0, 0, 1}},
-        {4, std::nullopt, false, false, false, {}}, {5, std::nullopt, false, false, false, {}},
-        {6, 80, false, false, false, {0, 0, 1, 1}}, {7, 80, false, false, false, {0, 0, 1, 1}},
-        {8, std::nullopt, false, false, false, {}}, {10, 20, false, true, false, {0, 1, 0, 1}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.at);
-        const auto attributes = text.attributesAt(c.at);
-        ASSERT_EQ(attributes.font.has_value(), c.size.has_value());
-        if (!c.size) {
-            EXPECT_FALSE(attributes.foregroundColor || attributes.underlineStyle);
-            continue;
-        }
-        EXPECT_DOUBLE_EQ(attributes.font->size, *c.size);
-        EXPECT_EQ(attributes.font->bold, c.bold);
-        EXPECT_EQ(attributes.font->italic, c.italic);
-        EXPECT_EQ(attributes.underlineStyle.has_value(), c.underlined);
-        EXPECT_EQ(attributes.foregroundColor, c.color);
+    for (const auto& [at, expected] : cases) {
+        const auto attributes = text.attributesAt(at);
+        const auto& font = attributes.font;
+        EXPECT_EQ(Style(font ? std::optional(font->size) : std::nullopt, font && font->bold,
+                        font && font->italic, attributes.underlineStyle.has_value(),
+                        attributes.foregroundColor),
+                  expected)
+            << at;
     }
 }
 
@@ -245,17 +211,15 @@ TEST_F(PreAlertViewTest, ANewerAlertReplacesTheTextAndTheHide) {
     EXPECT_EQ(view->attributedText().string().substr(0, 6), "second");
 
     ASSERT_EQ(hides.size(), 2u);
-    EXPECT_EQ(hides[0].first, std::chrono::seconds(10));
-    EXPECT_EQ(hides[1].first, std::chrono::seconds(10)); // counted from the second alert
+    // The second is counted from the second alert.
+    EXPECT_EQ(std::tuple(hides[0].first, hides[1].first),
+              std::tuple(std::chrono::seconds(10), std::chrono::seconds(10)));
     EXPECT_TRUE(hides[0].second->isCancelled());
     hides[0].second->perform(); // the first alert's ten seconds are over
     EXPECT_FALSE(view->isHidden());
     hides[1].second->perform(); // and now the second's
     EXPECT_TRUE(view->isHidden());
-    int cancels = 0;
-    for (const auto& line : log.lines())
-        cancels += line.find("cancel previous work item") != std::string::npos;
-    EXPECT_EQ(cancels, 1);
+    EXPECT_THAT(log.lines(), testing::Contains(testing::HasSubstr("cancel previous work item")).Times(1));
 }
 
 TEST_F(PreAlertViewTest, AnOverlayInsideAViewIsDrawnOnlyWhileShown) {
@@ -265,11 +229,9 @@ TEST_F(PreAlertViewTest, AnOverlayInsideAViewIsDrawnOnlyWhileShown) {
     view->setBackgroundColor(Color::black());
     view->setHidden(true);
     root->addSubview(view);
-    ASSERT_TRUE(root->writePNG(png));
-    EXPECT_FALSE(inkIn(png, 0xFFFFFFFF).any());
+    EXPECT_FALSE(inkOf(*root, 0xFFFFFFFF).any());
     view->setHidden(false);
-    ASSERT_TRUE(root->writePNG(png));
-    const auto ink = inkIn(png, 0xFFFFFFFF);
+    const auto ink = inkOf(*root, 0xFFFFFFFF);
     EXPECT_EQ(ink.minX, 0);
     EXPECT_EQ(ink.maxY, 179);
     EXPECT_FALSE(root->writePNG("/nonexistent-dir/alert.png"));

@@ -9,23 +9,17 @@ namespace ovalto::test {
 // Standard output and error of a command run in this process, captured for as long as this lives.
 class CapturedStreams {
 public:
-    CapturedStreams()
-        : out_(std::cout.rdbuf(outText_.rdbuf()))
-        , err_(std::cerr.rdbuf(errText_.rdbuf())) {}
     ~CapturedStreams() {
         std::cout.rdbuf(out_);
         std::cerr.rdbuf(err_);
     }
-    CapturedStreams(const CapturedStreams&) = delete;
-    CapturedStreams& operator=(const CapturedStreams&) = delete;
-
     std::string out() const { return outText_.str(); }
     std::string err() const { return errText_.str(); }
 
 private:
     std::ostringstream outText_, errText_;
-    std::streambuf* out_;
-    std::streambuf* err_;
+    std::streambuf* out_ = std::cout.rdbuf(outText_.rdbuf());
+    std::streambuf* err_ = std::cerr.rdbuf(errText_.rdbuf());
 };
 
 } // namespace ovalto::test

@@ -12,17 +12,30 @@ namespace {
 // Recognisable bytes: a test can tell segments apart by their content as well as their size.
 std::string payload(const std::string& tag, std::size_t size) {
     std::string body;
-    body.reserve(size);
     while (body.size() < size)
         body += tag + ";";
     body.resize(size);
     return body;
 }
 
-std::string decimal(double value) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.3f", value);
+std::string extinf(double duration) {
+    char text[48];
+    std::snprintf(text, sizeof text, "#EXTINF:%.3f,\n", duration);
     return text;
+}
+
+std::string mediaHead(int version, double duration, long long first) {
+    return "#EXTM3U\n#EXT-X-VERSION:" + std::to_string(version) +
+           "\n#EXT-X-TARGETDURATION:" + std::to_string(static_cast<int>(std::ceil(duration))) +
+           "\n#EXT-X-MEDIA-SEQUENCE:" + std::to_string(first) + "\n";
+}
+
+// A version 3 media playlist of segments seg<first>.ts onwards, without map or keys.
+std::string tsPlayList(long long first, long long count, double duration, bool ended) {
+    std::string playlist = mediaHead(3, duration, first);
+    for (long long n = first; n < first + count; ++n)
+        playlist += extinf(duration) + "seg" + std::to_string(n) + ".ts\n";
+    return playlist + (ended ? "#EXT-X-ENDLIST\n" : "");
 }
 
 } // namespace
@@ -47,9 +60,7 @@ void HlsOrigin::publish(const std::string& name, const Vod& vod) {
     // One media playlist with its init section and segments; `ranged` packs them into main.mp4.
     const auto media = [&](const std::string& directory, const std::string& tag, std::size_t bytes,
                            bool ranged, bool keyed) {
-        std::string playlist = "#EXTM3U\n#EXT-X-VERSION:7\n#EXT-X-TARGETDURATION:" +
-                               std::to_string(static_cast<int>(std::ceil(vod.segmentDuration))) +
-                               "\n#EXT-X-MEDIA-SEQUENCE:0\n#EXT-X-PLAYLIST-TYPE:VOD\n";
+        std::string playlist = mediaHead(7, vod.segmentDuration, 0) + "#EXT-X-PLAYLIST-TYPE:VOD\n";
         const std::string init = payload(tag + "-init", 200);
         std::string packed = init;
         if (ranged) {
@@ -58,15 +69,11 @@ void HlsOrigin::publish(const std::string& name, const Vod& vod) {
             playlist += "#EXT-X-MAP:URI=\"init.mp4\"\n";
             serve(root + directory + "init.mp4", init);
         }
-        const auto keys = keyed ? vod.keyUris.size() : 0;
-        for (int i = 0; i < vod.segments; ++i) {
-            if (keys > 0 &&
-                static_cast<std::size_t>(i) * keys % static_cast<std::size_t>(vod.segments) < keys) {
-                const auto which =
-                    static_cast<std::size_t>(i) * keys / static_cast<std::size_t>(vod.segments);
-                playlist += "#EXT-X-KEY:METHOD=SAMPLE-AES,URI=\"" + vod.keyUris[which] + "\"\n";
-            }
-            playlist += "#EXTINF:" + decimal(vod.segmentDuration) + ",\n";
+        const auto keys = keyed ? vod.keyUris.size() : 0, segments = static_cast<std::size_t>(vod.segments);
+        for (std::size_t i = 0; i < segments; ++i) {
+            if (keys > 0 && i * keys % segments < keys)
+                playlist += "#EXT-X-KEY:METHOD=SAMPLE-AES,URI=\"" + vod.keyUris[i * keys / segments] + "\"\n";
+            playlist += extinf(vod.segmentDuration);
             const std::string segment = payload(tag + "-" + std::to_string(i), bytes);
             if (ranged) {
                 // The first range names its offset; the rest continue where the previous ended.
@@ -107,16 +114,10 @@ void HlsOrigin::publish(const std::string& name, const Vod& vod) {
 void HlsOrigin::publishMedia(const std::string& name, int segments, double segmentDuration,
                              std::size_t segmentBytes) {
     const std::string root = "/" + name + "/";
-    std::string playlist = "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-TARGETDURATION:" +
-                           std::to_string(static_cast<int>(std::ceil(segmentDuration))) +
-                           "\n#EXT-X-MEDIA-SEQUENCE:0\n";
-    for (int i = 0; i < segments; ++i) {
-        playlist += "#EXTINF:" + decimal(segmentDuration) + ",\nseg" + std::to_string(i) + ".ts\n";
+    for (int i = 0; i < segments; ++i)
         serve(root + "seg" + std::to_string(i) + ".ts",
               payload(name + "-" + std::to_string(i), segmentBytes));
-    }
-    playlist += "#EXT-X-ENDLIST\n";
-    serve(root + "media.m3u8", playlist);
+    serve(root + "media.m3u8", tsPlayList(0, segments, segmentDuration, true));
 }
 
 void HlsOrigin::publishLive(const std::string& name, double segmentDuration, int window,
@@ -126,14 +127,7 @@ void HlsOrigin::publishLive(const std::string& name, double segmentDuration, int
     serveMade(root + "live.m3u8", [=] {
         const double elapsed =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-        const auto first = static_cast<long long>(elapsed / segmentDuration);
-        std::string playlist = "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-TARGETDURATION:" +
-                               std::to_string(static_cast<int>(std::ceil(segmentDuration))) +
-                               "\n#EXT-X-MEDIA-SEQUENCE:" + std::to_string(first) + "\n";
-        for (long long n = first; n < first + window; ++n) {
-            playlist += "#EXTINF:" + decimal(segmentDuration) + ",\nseg" + std::to_string(n) + ".ts\n";
-        }
-        return playlist;
+        return tsPlayList(static_cast<long long>(elapsed / segmentDuration), window, segmentDuration, false);
     });
     serveBelow(root + "seg", [=](const std::string& rest) -> std::optional<std::string> {
         if (!rest.ends_with(".ts")) return std::nullopt;

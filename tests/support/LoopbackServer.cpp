@@ -37,25 +37,11 @@ LoopbackServer::~LoopbackServer() {
     thread_.join();
 }
 
-std::string LoopbackServer::baseUrl() const {
-    return "http://127.0.0.1:" + std::to_string(port_);
-}
-
-std::string LoopbackServer::url(std::string_view path) const {
-    return baseUrl() + std::string(path);
-}
-
-std::size_t LoopbackServer::connectionCount() const {
-    std::lock_guard lock(mutex_);
-    return connections_.size();
-}
-
 SilentListener::SilentListener() {
     socket_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = 0;
     socklen_t length = sizeof(address);
     if (socket_ < 0 || ::bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
         ::listen(socket_, 16) != 0 ||
@@ -68,10 +54,6 @@ SilentListener::SilentListener() {
 
 SilentListener::~SilentListener() {
     ::close(socket_);
-}
-
-std::string SilentListener::baseUrl() const {
-    return "http://127.0.0.1:" + std::to_string(port_);
 }
 
 } // namespace ovalto::test

@@ -22,16 +22,17 @@ public:
 
     explicit LoopbackServer(const Routes& routes);
     ~LoopbackServer();
-    LoopbackServer(const LoopbackServer&) = delete;
-    LoopbackServer& operator=(const LoopbackServer&) = delete;
 
     int port() const { return port_; }
     // "http://127.0.0.1:<port>"
-    std::string baseUrl() const;
+    std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(port_); }
     // The base URL followed by `path` (which starts with "/").
-    std::string url(std::string_view path) const;
+    std::string url(std::string_view path) const { return baseUrl() + std::string(path); }
     // How many distinct client connections have sent requests so far.
-    std::size_t connectionCount() const;
+    std::size_t connectionCount() const {
+        std::lock_guard lock(mutex_);
+        return connections_.size();
+    }
 
 private:
     httplib::Server server_;
@@ -51,7 +52,7 @@ public:
     SilentListener& operator=(const SilentListener&) = delete;
 
     int port() const { return port_; }
-    std::string baseUrl() const;
+    std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
 private:
     int socket_ = -1;
