@@ -16,6 +16,7 @@
 #include "platform/PlayerItem.h"
 #include "platform/RunLoop.h"
 #include "platform/SegmentCipher.h"
+#include "support/MainLoop.h"
 #include "support/TestOrigin.h"
 
 #include <gtest/gtest.h>
@@ -290,13 +291,6 @@ TEST_F(LicenseTest, DelegateFromElevenStartsOneSessionPerAssetAndStoresItsKey) {
 
 // Drives the main run loop until `done`; a timer keeps the loop checking. The limit only guards
 // against a hang.
-bool runUntil(const std::function<bool()>& done) {
-    auto tick = platform::Timer::scheduledTimer(10ms, true, [](platform::Timer&) {});
-    bool result = platform::RunLoop::main().runUntil(done, std::chrono::steady_clock::now() + 30s);
-    tick->invalidate();
-    return result;
-}
-
 TEST_F(LicenseTest, ProtectedStreamPlaysOnlyWithTheRightKey) {
     test::TestOrigin origin;
     origin.serve("/p/media.m3u8",
@@ -342,7 +336,7 @@ TEST_F(LicenseTest, ProtectedStreamPlaysOnlyWithTheRightKey) {
         auto token = center.addObserver(OvaltoPreparationNotification, facade,
                                         [&](const platform::Notification&) { prepared = true; });
         facade->prepare(*platform::Url::parse(origin.url("/p/media.m3u8")));
-        ASSERT_TRUE(runUntil([&] { return prepared.load(); }));
+        ASSERT_TRUE(test::runMainUntil([&] { return prepared.load(); }, 30s));
         center.removeObserver(token);
         auto item = facade->playerItem();
         auto tokens = {center.addObserver(platform::playerItemDidPlayToEndTimeNotification, item,
@@ -351,7 +345,7 @@ TEST_F(LicenseTest, ProtectedStreamPlaysOnlyWithTheRightKey) {
                                           [&](const platform::Notification&) { failed = true; })};
         auto player = platform::Player::create(item);
         player->setRate(8);
-        EXPECT_TRUE(runUntil([&] { return ended || failed; }));
+        EXPECT_TRUE(test::runMainUntil([&] { return ended || failed; }, 30s));
         player->pause();
         for (auto each : tokens)
             center.removeObserver(each);
