@@ -400,32 +400,31 @@ TEST_F(ResourceTest, SegmentRequestsDuringReloadsOfTheSamePlayList) {
 
     LogCapture log;
     constexpr int segments = 500, reloads = 25;
-    std::vector<std::unique_ptr<PlayerRequest>> segmentRequests, reloadRequests;
+    std::vector<std::pair<PlayerRequest, Kind>> requests; // with the answer each must get
+    const auto send = [&](const std::string& url, Kind kind) {
+        requests.emplace_back(PlayerRequest(url), kind);
+        return loader.load(requests.back().first.request);
+    };
     for (int i = 0; i < segments; ++i) {
         if (i % (segments / reloads) == 0) {
-            reloadRequests.push_back(std::make_unique<PlayerRequest>("cplp://local/1/800000/media.m3u8"));
-            ASSERT_TRUE(loader.load(reloadRequests.back()->request));
+            ASSERT_TRUE(send("cplp://local/1/800000/media.m3u8", Kind::data));
         }
         const char* number[] = {"120", "121", "-1"};
-        segmentRequests.push_back(
-            std::make_unique<PlayerRequest>(std::string("rdtp://local/1/800000/") + number[i % 3] + ".ts"));
-        ASSERT_TRUE(loader.load(segmentRequests.back()->request));
+        ASSERT_TRUE(send(std::string("rdtp://local/1/800000/") + number[i % 3] + ".ts", Kind::redirect));
     }
-    for (const auto& [requests, kind] :
-         {std::pair(&segmentRequests, Kind::redirect), std::pair(&reloadRequests, Kind::data)})
-        for (const auto& request : *requests) {
-            EXPECT_EQ(request->wait().kind, kind) << request->request->request().url.absoluteString();
-            EXPECT_EQ(request->state->finishes, 1);
-        }
+    for (const auto& [request, kind] : requests) {
+        EXPECT_EQ(request.wait().kind, kind) << request.request->request().url.absoluteString();
+        EXPECT_EQ(request.state->finishes, 1);
+    }
     EXPECT_EQ(reported.load(), segments - segments / 3); // every one but the initialisation sections
     EXPECT_EQ(origin->requestCount("/busy/sd/index.m3u8"), reloads + 1);
     EXPECT_TRUE(sink->errors.get().empty());
     EXPECT_FALSE(log.contains("second completion"));
 }
 
-// The loader's model as parsers would leave it. Stream 0 (video): key 800000 with sequence 100, ten segments
-// (the eighth without a URL) and an initialisation section; key 500000 without a sequence.
-// Stream 1 (audio): key 0, sequence 0, two segments, no initialisation section.
+// The loader's model as parsers would leave it. Stream 0 (video): key 800000 with sequence 100,
+// ten segments (the eighth without a URL) and an initialisation section; key 500000 without a
+// sequence. Stream 1 (audio): key 0, sequence 0, two segments, no initialisation section.
 class RedirectResourceTest : public ::testing::Test, protected Loader {
 protected:
     void SetUp() override {
