@@ -214,9 +214,8 @@ TEST_F(BridgeTest, SurvivesClientsThatVanishOrTimeOut) {
         vanishing.set_read_timeout(0, 1000); // gone long before the answer comes
         EXPECT_FALSE(vanishing.Get(media.c_str()));
     }
-    auto res = client.Get(segment.c_str());
-    ASSERT_TRUE(res);
-    EXPECT_EQ(res->status, 302);
+    const auto res = client.Get(segment.c_str());
+    EXPECT_EQ(res ? res->status : 0, 302);
     expectAllFinished();
 
     // A bridge that gives up sooner than the origin answers says so, and finishes the request.
@@ -235,9 +234,8 @@ TEST(BridgeListenTest, LoopbackOnlyAndNoMasterBeforePreparation) {
     ASSERT_FALSE(bridge.start());
     EXPECT_TRUE(bridge.baseUrl().starts_with("http://127.0.0.1:"));
     EXPECT_FALSE(bridge.masterUrl());
-    auto res = httplib::Client(bridge.baseUrl()).Get("/cplp/local/master.m3u8");
-    ASSERT_TRUE(res);
-    EXPECT_EQ(res->status, 503);
+    const auto res = httplib::Client(bridge.baseUrl()).Get("/cplp/local/master.m3u8");
+    EXPECT_EQ(res ? res->status : 0, 503);
 
     // Stopped before its thread has begun to accept, a bridge still stops.
     for (int i = 0; i < 20; ++i)
