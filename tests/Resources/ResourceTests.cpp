@@ -171,17 +171,9 @@ TEST_F(ResourceTest, RoutesByScheme) {
     }
 }
 
-TEST_F(ResourceTest, RequestWithoutASchemeIsRefusedAndLeftToThePlatform) {
-    PlayerRequest request("local/master.m3u8");
-    EXPECT_FALSE(loader.load(request.request) || loader.load(nullptr) || request.request->isFinished());
-    const auto notified = sink->errors.get();
-    ASSERT_EQ(notified.size(), 2u);
-    EXPECT_EQ(OvaltoError::from(notified[0]),
-              OvaltoError::inputParam("Loading request is not valid.", 0x8301));
-}
-
-// The delegate path the player takes: first requests and renewals alike.
-TEST_F(ResourceTest, AnswersAsTheAssetsDelegate) {
+// The delegate path the player takes: first requests and renewals alike. A request without a
+// scheme (or none at all) is refused with a notification and left to the platform to fail.
+TEST_F(ResourceTest, AnswersAsTheAssetsDelegateAndRefusesRequestsWithoutAScheme) {
     // The asset holds its delegate weakly.
     auto delegate = std::make_shared<OVAResourceLoader>(sink);
     auto assetLoader = platform::AssetResourceLoader::create();
@@ -197,7 +189,11 @@ TEST_F(ResourceTest, AnswersAsTheAssetsDelegate) {
     assetLoader->load(refused.request);
     const auto outcome = refused.wait(); // failed by the platform, not by us
     EXPECT_EQ(outcome.error ? outcome.error->domain : "none", platform::Error::loaderDomain);
-    EXPECT_EQ(sink->errors.get().size(), 3u);
+    EXPECT_FALSE(delegate->load(nullptr));
+    const auto notified = sink->errors.get();
+    ASSERT_EQ(notified.size(), 4u);
+    for (const auto& error : {notified[2], notified[3]})
+        EXPECT_EQ(OvaltoError::from(error), OvaltoError::inputParam("Loading request is not valid.", 0x8301));
 }
 
 TEST_F(ResourceTest, BodyThatIsNoPlaylistPassesUnchanged) {
