@@ -137,8 +137,9 @@ TEST_F(BridgeTest, AnswersEachKindOfRequest) {
 }
 
 // A playlist that can no longer change is downloaded and rewritten once, however many clients
-// ask for it; a live one is fetched again for every request, so that its new segments show.
-TEST_F(BridgeTest, KeepsEndedPlaylistsAndFetchesLiveOnesAgain) {
+// ask for it, until the facade prepares another presentation; a live one is fetched again for
+// every request, so that its new segments show.
+TEST_F(BridgeTest, KeepsEndedPlaylistsUntilTheNextPreparationAndFetchesLiveOnesAgain) {
     const std::string livePath = "/vod/video/2000000/media.m3u8";
     auto live = *origin.body(livePath);
     for (const std::string tag : {"#EXT-X-ENDLIST\n", "#EXT-X-PLAYLIST-TYPE:VOD\n"})
@@ -164,15 +165,8 @@ TEST_F(BridgeTest, KeepsEndedPlaylistsAndFetchesLiveOnesAgain) {
     // A new segment of the live playlist reaches the next client.
     origin.serve(livePath, live + "#EXTINF:1.0,\nseg4.m4s\n", "application/vnd.apple.mpegurl");
     EXPECT_NE(get("/cplp/local/1/2000000/media.m3u8").find("/rdtp/local/1/2000000/4."), std::string::npos);
-    expectAllFinished();
-}
 
-// What the bridge kept of one presentation is not served for the next one the facade prepares.
-TEST_F(BridgeTest, ServesTheNewPresentationAfterPreparingAgain) {
-    const std::string first = get("/cplp/local/1/800000/media.m3u8");
-    ASSERT_NE(first[0], '<');
-    EXPECT_EQ(first.find("/rdtp/local/1/800000/5."), std::string::npos);
-
+    // The kept playlists of four segments give way to those of the next presentation.
     HlsOrigin::Vod longer;
     longer.segments = 6;
     origin.publish("longer", longer);
@@ -214,9 +208,8 @@ TEST_F(BridgeTest, SurvivesClientsThatVanishOrTimeOut) {
         vanishing.set_read_timeout(0, 1000); // gone long before the answer comes
         EXPECT_FALSE(vanishing.Get(media.c_str()));
     }
-    auto res = client.Get(segment.c_str());
-    ASSERT_TRUE(res);
-    EXPECT_EQ(res->status, 302);
+    const auto res = client.Get(segment.c_str());
+    EXPECT_EQ(res ? res->status : 0, 302);
     expectAllFinished();
 
     // A bridge that gives up sooner than the origin answers says so, and finishes the request.
@@ -235,9 +228,8 @@ TEST(BridgeListenTest, LoopbackOnlyAndNoMasterBeforePreparation) {
     ASSERT_FALSE(bridge.start());
     EXPECT_TRUE(bridge.baseUrl().starts_with("http://127.0.0.1:"));
     EXPECT_FALSE(bridge.masterUrl());
-    auto res = httplib::Client(bridge.baseUrl()).Get("/cplp/local/master.m3u8");
-    ASSERT_TRUE(res);
-    EXPECT_EQ(res->status, 503);
+    const auto res = httplib::Client(bridge.baseUrl()).Get("/cplp/local/master.m3u8");
+    EXPECT_EQ(res ? res->status : 0, 503);
 
     // Stopped before its thread has begun to accept, a bridge still stops.
     for (int i = 0; i < 20; ++i)
