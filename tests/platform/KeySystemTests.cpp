@@ -17,7 +17,6 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <poll.h>
 #include <regex>
 #include <sys/wait.h>
 #include <thread>
@@ -55,6 +54,12 @@ std::string expected(std::int64_t code, const ContentKey& key = demo) {
     return code ? "error " + std::to_string(code) : result(key);
 }
 
+// `bytes` with the bits of `mask` flipped at `at`.
+Data flipped(Data bytes, std::size_t at, char mask = 0x01) {
+    bytes[at] ^= mask;
+    return bytes;
+}
+
 // A TS-looking segment: whole packets that start with the sync byte.
 Data transportStream(std::size_t packets) {
     Data segment;
@@ -65,14 +70,14 @@ Data transportStream(std::size_t packets) {
 
 TEST(KeySystem, CertificatesThatAreNotOneAreRefused) {
     const Data pem = server().certificatePem();
+    const auto refusal = [](const Data& certificate, const char* asset) {
+        const auto made = KeyExchange::makeRequest(certificate, asset, false);
+        return std::holds_alternative<Error>(made) ? std::get<Error>(made).code : 0;
+    };
     for (const Data& bytes : {Data(), Data("not a certificate"), pem.substr(0, pem.size() / 2),
-                              Data("-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n")}) {
-        auto made = KeyExchange::makeRequest(bytes, "abc123", false);
-        ASSERT_TRUE(std::holds_alternative<Error>(made)) << bytes;
-        EXPECT_EQ(std::get<Error>(made).code, loaderErrorInvalidCertificate);
-    }
-    auto noAsset = KeyExchange::makeRequest(pem, "", false);
-    EXPECT_EQ(std::get<Error>(noAsset).code, loaderErrorInvalidContentIdentifier);
+                              Data("-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n")})
+        EXPECT_EQ(refusal(bytes, "abc123"), loaderErrorInvalidCertificate) << bytes;
+    EXPECT_EQ(refusal(pem, ""), loaderErrorInvalidContentIdentifier);
 }
 
 TEST(KeySystem, OnlyTheCertificatesServerOpensAnUnchangedKeyRequest) {
@@ -85,19 +90,14 @@ TEST(KeySystem, OnlyTheCertificatesServerOpensAnUnchangedKeyRequest) {
     EXPECT_NE(request().serverPlaybackContext, request().serverPlaybackContext); // fresh session keys
 
     const Data& spc = made.serverPlaybackContext;
-    const auto changed = [&](std::size_t at) {
-        Data copy = spc;
-        copy[at] ^= 0x01;
-        return copy;
-    };
     // What, the request as it arrives, whose server reads it, and the reason it is refused for.
     for (const auto& [what, arrived, another, reason] :
          std::initializer_list<std::tuple<const char*, Data, bool, std::string>>{
              {"another server", spc, true, "another certificate"},
-             {"asset changed", changed(spc.find("abc123")), false, "changed"},
-             {"persistence flag changed", changed(5), false, "changed"},
-             {"wrapped key changed", changed(spc.size() - 1), false, "changed"},
-             {"version", changed(4), false, "version"},
+             {"asset changed", flipped(spc, spc.find("abc123")), false, "changed"},
+             {"persistence flag changed", flipped(spc, 5), false, "changed"},
+             {"wrapped key changed", flipped(spc, spc.size() - 1), false, "changed"},
+             {"version", flipped(spc, 4), false, "version"},
              {"truncated", spc.substr(0, spc.size() - 1), false, "truncated"},
              {"trailing byte", spc + "x", false, "truncated"},
              {"not a key request", "spc", false, "not a key request"},
@@ -114,8 +114,6 @@ TEST(KeySystem, AnAnswerGivesItsKeyOnlyToTheRequestItAnswers) {
     const Data good = *KeyExchange::makeAnswer(made.session, demo);
     KeyRequestSession otherAsset = made.session;
     otherAsset.contentIdentifier = "xyz789";
-    Data tampered = good;
-    tampered[good.size() / 2] ^= 0x40;
     // What, the answer, and the error code (0: the demo key comes out).
     for (const auto& [what, answer, code] :
          std::initializer_list<std::tuple<const char*, Data, std::int64_t>>{
@@ -124,7 +122,7 @@ TEST(KeySystem, AnAnswerGivesItsKeyOnlyToTheRequestItAnswers) {
               loaderErrorInvalidKeyResponse},
              {"answer for another asset", *KeyExchange::makeAnswer(otherAsset, demo),
               loaderErrorKeyForAnotherAsset},
-             {"tampered", tampered, loaderErrorInvalidKeyResponse},
+             {"tampered", flipped(good, good.size() / 2, 0x40), loaderErrorInvalidKeyResponse},
              {"truncated", good.substr(0, good.size() - 1), loaderErrorInvalidKeyResponse},
              {"not an answer", "ckc", loaderErrorInvalidKeyResponse},
          })
@@ -137,25 +135,21 @@ TEST(KeySystem, AnAnswerGivesItsKeyOnlyToTheRequestItAnswers) {
 }
 
 TEST(KeySystem, PersistableKeysKeepAssetAndExpiryAndRefuseChanges) {
-    ContentKey expiring = demo, expired = demo;
-    expiring.expiry = 4'102'444'800; // 2100
-    expired.expiry = 1'000'000'000;
+    const ContentKey expiring{demo.key, demo.iv, "abc123", 4'102'444'800}; // 2100
     const Data sealed = std::get<Data>(expiring.seal());
     EXPECT_EQ(sealed.find(demo.key), Data::npos); // the key is not in the clear
     const auto description = ContentKey::describe(sealed).value_or(ContentKey::Description{});
     EXPECT_EQ(std::tuple(description.assetId, description.expiry), std::tuple("abc123", expiring.expiry));
 
-    Data changedExpiry = sealed, changedKey = sealed;
-    changedExpiry[4 + 1 + 2 + 6 + 7] ^= 0x01;
-    changedKey[sealed.size() - 20] ^= 0x01;
     // What, the stored bytes, the asset asked for, and the error code (0: the key comes out).
     for (const auto& [what, stored, asset, code] :
          std::initializer_list<std::tuple<const char*, Data, std::string, std::int64_t>>{
              {"as sealed", sealed, "abc123", 0},
              {"for another asset", sealed, "xyz789", loaderErrorKeyForAnotherAsset},
-             {"expired", std::get<Data>(expired.seal()), "abc123", loaderErrorKeyExpired},
-             {"expiry changed", changedExpiry, "abc123", loaderErrorInvalidKeyResponse},
-             {"key changed", changedKey, "abc123", loaderErrorInvalidKeyResponse},
+             {"expired", std::get<Data>(ContentKey{demo.key, demo.iv, "abc123", 1'000'000'000}.seal()),
+              "abc123", loaderErrorKeyExpired},
+             {"expiry changed", flipped(sealed, 4 + 1 + 2 + 6 + 7), "abc123", loaderErrorInvalidKeyResponse},
+             {"key changed", flipped(sealed, sealed.size() - 20), "abc123", loaderErrorInvalidKeyResponse},
              {"not a stored key", "PCK1garbage", "abc123", loaderErrorInvalidKeyResponse},
          })
         EXPECT_EQ(result(ContentKey::fromKeyAnswer(stored, streamingKeyDeliveryPersistentContentKeyType,
@@ -187,10 +181,8 @@ TEST(KeySystem, SegmentsDecryptOnlyWithTheirKeyIntoMedia) {
     EXPECT_EQ(std::tuple(encrypted.size() % 16, SegmentCipher::looksLikeMedia(encrypted),
                          SegmentCipher::decrypt(encrypted, demo.key, demo.iv)),
               std::tuple(0u, false, clear));
-    Data wrongKey = demo.key;
-    wrongKey[0] ^= 1;
     for (const auto& [what, key, iv, data] : std::initializer_list<std::tuple<const char*, Data, Data, Data>>{
-             {"wrong key", wrongKey, demo.iv, encrypted},
+             {"wrong key", flipped(demo.key, 0), demo.iv, encrypted},
              {"wrong iv", demo.key, Data(16, 'W'), encrypted},
              {"cut short", demo.key, demo.iv, encrypted.substr(0, encrypted.size() - 5)},
              {"clear bytes", demo.key, demo.iv, clear.substr(0, 16 * 20)},
@@ -334,28 +326,20 @@ TEST_F(KeyValueStoreTest, WriteThatReturnedSurvivesSigkill) {
             if (!store->set(valueFor(i), "v" + std::to_string(i)) || write(ack[1], &i, sizeof i) < 0)
                 _exit(1);
     }
-    close(ack[1]);
+    close(ack[1]); // a child that ends early closes the pipe: the reads below never hang
 
-    // The parent writes too, so the two processes contend for the database.
+    // The parent writes too, on every acknowledgement, so the two processes contend for the database.
     auto store = KeyValueStore::open(path());
     std::int64_t lastAck = -1;
-    int parentWrites = 0;
     bool parentFailed = false;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     std::uint32_t index;
-    while (lastAck < 20 && std::chrono::steady_clock::now() < deadline) {
-        parentFailed |= !store->setString("parent", "p" + std::to_string(parentWrites++));
-        pollfd pfd{ack[0], POLLIN, 0};
-        if (poll(&pfd, 1, 100) <= 0) continue;
-        if (read(ack[0], &index, sizeof index) != static_cast<ssize_t>(sizeof index))
-            break; // the child died early
-        lastAck = index;
-    }
+    for (; lastAck < 20 && read(ack[0], &index, sizeof index) > 0; lastAck = index)
+        parentFailed |= !store->setString("parent", "p" + std::to_string(index));
     kill(child, SIGKILL);
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     // Acknowledgements still in the pipe count too: those writes had returned.
-    while (read(ack[0], &index, sizeof index) == static_cast<ssize_t>(sizeof index))
+    while (read(ack[0], &index, sizeof index) > 0)
         lastAck = index;
     close(ack[0]);
 
