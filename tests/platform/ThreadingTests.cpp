@@ -39,11 +39,13 @@ void together(int count, const std::function<void(int)>& body) {
         });
 }
 
-TEST(SerialQueue, RunsBlocksOneAtATimeInSubmissionOrderUnderConcurrentSubmitters) {
+TEST(SerialQueue, RunsBlocksOneAtATimeInSubmissionOrderEvenAfterTheLastHandleIsGone) {
     auto queue = DispatchQueue::serial("test.fifo");
+    DispatchSemaphore gate, done;
     std::atomic<int> running{0};
     std::atomic<bool> overlapped{false};
     std::vector<std::vector<int>> order(4); // each submitter's blocks as they ran; touched only by them
+    queue->async([&] { gate.wait(); });     // holds every block back until the handle is gone
     together(4, [&](int s) {
         for (int i = 0; i < 500; ++i)
             queue->async([&, s, i] {
@@ -52,25 +54,13 @@ TEST(SerialQueue, RunsBlocksOneAtATimeInSubmissionOrderUnderConcurrentSubmitters
                 running.fetch_sub(1);
             });
     });
-    queue->sync([] {});
+    queue->async([&] { done.signal(); });
+    queue.reset();
+    gate.signal();
+    ASSERT_TRUE(done.wait(hangGuard));
     std::vector<int> submitted(500);
     std::iota(submitted.begin(), submitted.end(), 0);
     EXPECT_EQ(std::tuple(overlapped.load(), order), std::tuple(false, std::vector(4, submitted)));
-}
-
-TEST(SerialQueue, DrainsPendingBlocksAfterTheLastHandleIsGone) {
-    DispatchSemaphore gate, done;
-    std::atomic<int> ran{0};
-    {
-        auto queue = DispatchQueue::serial("test.released");
-        queue->async([&] { gate.wait(); });
-        for (int i = 0; i < 10; ++i)
-            queue->async([&] { ++ran; });
-        queue->async([&] { done.signal(); });
-    }
-    gate.signal();
-    ASSERT_TRUE(done.wait(hangGuard));
-    EXPECT_EQ(ran, 10);
 }
 
 TEST(DispatchQueue, SyncRunsOnTheQueueWhichIsCurrentOnlyThere) {
@@ -223,10 +213,11 @@ TEST(RunLoop, StopReturnsAfterTheCurrentBlockAndKeepsTheRestAndRunForReportsTheD
     EXPECT_FALSE(RunLoop::main().runFor(10ms, [] { return false; }));
 }
 
-TEST(Timer, RepeatingTimerStopsAtInvalidateFromItsBlockOrAnotherThreadAndReleasesItsCaptures) {
+TEST(Timer, RepeatingOnesStopAtInvalidateFromTheirBlockOrAnotherThreadAndOneShotsFireOnce) {
     auto capture = std::make_shared<int>(0), otherCapture = std::make_shared<int>(0);
     std::weak_ptr<int> watch = capture, otherWatch = otherCapture;
-    int fired = 0;
+    int fired = 0, oneShotFired = 0;
+    bool foreverFired = false;
     std::atomic<int> otherFired{0};
     std::thread::id firedOn;
     auto timer = Timer::scheduledTimer(1ms, true, [&fired, &firedOn, capture](Timer& self) {
@@ -234,34 +225,29 @@ TEST(Timer, RepeatingTimerStopsAtInvalidateFromItsBlockOrAnotherThreadAndRelease
         if (++fired == 3) self.invalidate();
     });
     auto other = Timer::scheduledTimer(1ms, true, [&otherFired, otherCapture](Timer&) { ++otherFired; });
+    std::weak_ptr<Timer> oneShot = Timer::scheduledTimer(1ms, false, [&](Timer&) { ++oneShotFired; });
+    // An interval of "forever" must not wrap around into the past.
+    auto never = Timer::scheduledTimer(forever, false, [&](Timer&) { foreverFired = true; });
     // A failed test must not leave a timer firing into its dead locals.
-    const std::shared_ptr<void> invalidate(nullptr, [&](void*) { timer->invalidate(), other->invalidate(); });
+    const std::shared_ptr<void> invalidate(nullptr, [&](void*) {
+        for (const auto& each : {timer, other, never})
+            each->invalidate();
+    });
     capture.reset();
     otherCapture.reset();
-    EXPECT_FALSE(watch.expired()); // a timer keeps its block alive while valid
+    // A timer keeps its block alive while valid; the run loop holds a one-shot one until it fires.
+    EXPECT_FALSE(watch.expired() || oneShot.expired());
 
-    ASSERT_TRUE(RunLoop::main().runFor(hangGuard, [&] { return fired == 3 && otherFired >= 2; }));
+    ASSERT_TRUE(
+        RunLoop::main().runFor(hangGuard, [&] { return fired == 3 && otherFired >= 2 && oneShotFired; }));
     EXPECT_EQ(std::tuple(timer->isValid(), watch.expired(), firedOn),
               std::tuple(false, true, std::this_thread::get_id()));
     std::thread([other] { other->invalidate(); }).join();
     const int otherAtInvalidate = otherFired;
     RunLoop::main().runFor(30ms);
-    EXPECT_EQ(std::tuple(fired, otherFired.load(), otherWatch.expired()),
-              std::tuple(3, otherAtInvalidate, true));
-}
-
-TEST(Timer, OneShotTimerFiresOnceAndOutlivesItsHandleAndAForeverOneNever) {
-    int fired = 0;
-    bool foreverFired = false;
-    std::weak_ptr<Timer> watch = Timer::scheduledTimer(1ms, false, [&](Timer&) { ++fired; });
-    EXPECT_FALSE(watch.expired()); // the run loop holds it until it fires
-    // An interval of "forever" must not wrap around into the past.
-    auto never = Timer::scheduledTimer(forever, false, [&](Timer&) { foreverFired = true; });
-    const std::shared_ptr<void> invalidate(nullptr, [&](void*) { never->invalidate(); });
-    ASSERT_TRUE(RunLoop::main().runFor(hangGuard, [&] { return fired == 1; }));
-    RunLoop::main().runFor(20ms);
-    EXPECT_EQ(std::tuple(fired, watch.expired(), foreverFired, never->isValid()),
-              std::tuple(1, true, false, true));
+    EXPECT_EQ(std::tuple(fired, otherFired.load(), otherWatch.expired(), oneShotFired, oneShot.expired(),
+                         foreverFired, never->isValid()),
+              std::tuple(3, otherAtInvalidate, true, 1, true, false, true));
 }
 
 TEST(NotificationCenter, FiltersByNameAndObject) {
@@ -291,36 +277,25 @@ TEST(NotificationCenter, FiltersByNameAndObject) {
     }
 }
 
-TEST(NotificationCenter, DeliversNameObjectAndUserInfoInOrderOfRegistration) {
-    NotificationCenter center;
-    std::vector<std::string> calls;
-    center.addObserver("ready", {}, [&](const Notification& n) {
-        const auto sender = n.objectAs<int>();
-        calls.push_back(n.name + " " + std::to_string(sender ? *sender : -1) + " " +
-                        std::to_string(std::any_cast<int>(n.userInfo.at("bitrate"))));
-    });
-    center.addObserver("ready", {}, [&](const Notification&) { calls.push_back("second"); });
-    center.post("ready", std::make_shared<int>(42), {{"bitrate", 800000}});
-    EXPECT_EQ(calls, (std::vector<std::string>{"ready 42 800000", "second"}));
-}
-
-TEST(NotificationCenter, RemovalTakesEffectEvenDuringAPost) {
+TEST(NotificationCenter, DeliversInOrderOfRegistrationAndRemovalTakesEffectEvenDuringAPost) {
     NotificationCenter center;
     std::vector<std::string> calls;
     NotificationCenter::Token self = 0, later = 0;
-    self = center.addObserver("tick", {}, [&](const Notification&) {
-        calls.push_back("self");
+    self = center.addObserver("tick", {}, [&](const Notification& n) {
+        const auto sender = n.objectAs<int>();
+        calls.push_back(n.name + " " + std::to_string(sender ? *sender : -1) + " " +
+                        std::to_string(std::any_cast<int>(n.userInfo.at("bitrate"))));
         center.removeObserver(self);
         center.removeObserver(later);
     });
     later = center.addObserver("tick", {}, [&](const Notification&) { calls.push_back("later"); });
     auto kept = center.addObserver("tick", {}, [&](const Notification&) { calls.push_back("kept"); });
-    center.post("tick");
+    center.post("tick", std::make_shared<int>(42), {{"bitrate", 800000}});
     center.post("tick");
     center.removeObserver(kept);
     center.removeObserver(kept); // unknown tokens are ignored
     center.post("tick");
-    EXPECT_EQ(calls, (std::vector<std::string>{"self", "kept", "kept"}));
+    EXPECT_EQ(calls, (std::vector<std::string>{"tick 42 800000", "kept", "kept"}));
 }
 
 TEST(NotificationCenter, PostsAndRegistrationsFromManyThreads) {
