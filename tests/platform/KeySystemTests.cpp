@@ -1,6 +1,6 @@
 // The key system: key requests and answers between device and licence server, keys sealed for
 // this device, the protection of segments, and the store that keeps keys and the device's
-// identity across runs, even when the process is killed.
+// identity across runs and connections.
 #include "platform/ApplicationCertificate.h"
 #include "platform/ContentKey.h"
 #include "platform/Device.h"
@@ -13,12 +13,9 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
 #include <filesystem>
 #include <regex>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -307,48 +304,6 @@ TEST_F(KeyValueStoreTest, ConcurrentWritersFromThreadsAndConnections) {
     for (std::uint32_t n = 0; n < 100; ++n)
         ASSERT_EQ(reader->data("k" + std::to_string(n)), valueFor(n)) << n;
     EXPECT_EQ(reader->string("shared").value_or("").substr(0, 1), "k");
-}
-
-TEST_F(KeyValueStoreTest, WriteThatReturnedSurvivesSigkill) {
-    int ack[2];
-    ASSERT_EQ(pipe2(ack, O_CLOEXEC), 0);
-    // The child writes values one after another and reports each one that returned, until it
-    // is killed. It touches nothing it shares with the parent's threads.
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        auto store = KeyValueStore::open(path());
-        for (std::uint32_t i = 0;; ++i)
-            if (!store->set(valueFor(i), "v" + std::to_string(i)) || write(ack[1], &i, sizeof i) < 0)
-                _exit(1);
-    }
-    close(ack[1]); // a child that ends early closes the pipe: the reads below never hang
-
-    // The parent writes too, on every acknowledgement, so the two processes contend for the database.
-    auto store = KeyValueStore::open(path());
-    std::int64_t lastAck = -1;
-    bool parentFailed = false;
-    std::uint32_t index;
-    for (; lastAck < 20 && read(ack[0], &index, sizeof index) > 0; lastAck = index)
-        parentFailed |= !store->setString("parent", "p" + std::to_string(index));
-    kill(child, SIGKILL);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    // Acknowledgements still in the pipe count too: those writes had returned.
-    while (read(ack[0], &index, sizeof index) > 0)
-        lastAck = index;
-    close(ack[0]);
-
-    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "child ended on its own: " << status;
-    ASSERT_GE(lastAck, 20);
-    EXPECT_FALSE(parentFailed);
-    auto reopened = KeyValueStore::open(path());
-    for (std::int64_t i = 0; i <= lastAck; ++i)
-        ASSERT_EQ(reopened->data("v" + std::to_string(i)), valueFor(static_cast<std::uint32_t>(i)))
-            << "v" << i;
-    // The write under way when the child died is either absent or whole.
-    const auto next = static_cast<std::uint32_t>(lastAck + 1);
-    EXPECT_EQ(reopened->data("v" + std::to_string(next)).value_or(valueFor(next)), valueFor(next));
 }
 
 TEST_F(KeyValueStoreTest, TheVendorIdentifierIsARandomUuidKeptInTheStore) {
