@@ -253,27 +253,23 @@ TEST(Timer, RepeatingOnesStopAtInvalidateFromTheirBlockOrAnotherThreadAndOneShot
 TEST(NotificationCenter, FiltersByNameAndObject) {
     auto a = std::make_shared<int>(1), b = std::make_shared<int>(2);
     std::weak_ptr<const void> dead = std::make_shared<int>(3); // an observer of it matches nothing
-    const struct {
-        const char* observedName;
-        std::weak_ptr<const void> observedObject;
-        const char* postedName;
-        std::shared_ptr<int> postedObject;
-        bool delivered;
-    } cases[] = {
-        {"ready", {}, "ready", nullptr, true}, {"ready", {}, "ready", a, true},
-        {"ready", {}, "stalled", a, false},    {"", {}, "stalled", b, true},
-        {"ready", a, "ready", a, true},        {"ready", a, "ready", b, false},
-        {"ready", a, "ready", nullptr, false}, {"", a, "anything", a, true},
-        {"", a, "anything", b, false},         {"ready", a, "stalled", a, false},
-        {"ready", dead, "ready", b, false},    {"ready", dead, "ready", nullptr, false},
-    };
-    for (std::size_t i = 0; i < std::size(cases); ++i) {
-        const auto& c = cases[i];
+    // Observed name and object, posted name and object, and whether the post is delivered.
+    const std::tuple<const char*, std::weak_ptr<const void>, const char*, std::shared_ptr<int>, bool>
+        cases[] = {
+            {"ready", {}, "ready", nullptr, true}, {"ready", {}, "ready", a, true},
+            {"ready", {}, "stalled", a, false},    {"", {}, "stalled", b, true},
+            {"ready", a, "ready", a, true},        {"ready", a, "ready", b, false},
+            {"ready", a, "ready", nullptr, false}, {"", a, "anything", a, true},
+            {"", a, "anything", b, false},         {"ready", a, "stalled", a, false},
+            {"ready", dead, "ready", b, false},    {"ready", dead, "ready", nullptr, false},
+        };
+    int row = 0;
+    for (const auto& [observedName, observedObject, postedName, postedObject, delivered] : cases) {
         NotificationCenter center;
         int calls = 0;
-        center.addObserver(c.observedName, c.observedObject, [&](const Notification&) { ++calls; });
-        center.post(c.postedName, c.postedObject);
-        EXPECT_EQ(calls, c.delivered ? 1 : 0) << "case " << i;
+        center.addObserver(observedName, observedObject, [&](const Notification&) { ++calls; });
+        center.post(postedName, postedObject);
+        EXPECT_EQ(calls, delivered ? 1 : 0) << "row " << row++;
     }
 }
 
