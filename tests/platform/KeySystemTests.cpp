@@ -109,16 +109,12 @@ TEST(KeySystem, OnlyTheCertificatesServerOpensAnUnchangedKeyRequest) {
 TEST(KeySystem, AnAnswerGivesItsKeyOnlyToTheRequestItAnswers) {
     const auto made = request();
     const Data good = *KeyExchange::makeAnswer(made.session, demo);
-    KeyRequestSession otherAsset = made.session;
-    otherAsset.contentIdentifier = "xyz789";
     // What, the answer, and the error code (0: the demo key comes out).
     for (const auto& [what, answer, code] :
          std::initializer_list<std::tuple<const char*, Data, std::int64_t>>{
              {"its own answer", good, 0},
              {"answer to another request", *KeyExchange::makeAnswer(request().session, demo),
               loaderErrorInvalidKeyResponse},
-             {"answer for another asset", *KeyExchange::makeAnswer(otherAsset, demo),
-              loaderErrorKeyForAnotherAsset},
              {"tampered", flipped(good, good.size() / 2, 0x40), loaderErrorInvalidKeyResponse},
              {"truncated", good.substr(0, good.size() - 1), loaderErrorInvalidKeyResponse},
              {"not an answer", "ckc", loaderErrorInvalidKeyResponse},
