@@ -261,20 +261,19 @@ TEST(KeyValueStorePath, FollowsTheEnvironment) {
     std::optional<std::string> saved[3];
     for (int i = 0; i < 3; ++i)
         if (const char* value = std::getenv(names[i])) saved[i] = value;
-    const struct {
-        const char* values[3];
-        std::string expected;
-    } cases[] = {
-        {{"/x/defaults.db", "/data", "/home/u"}, "/x/defaults.db"},
-        {{nullptr, "/data", "/home/u"}, "/data/ovalto/defaults.sqlite3"},
-        {{"", "/data", "/home/u"}, "/data/ovalto/defaults.sqlite3"},
-        {{nullptr, nullptr, "/home/u"}, "/home/u/.local/share/ovalto/defaults.sqlite3"},
-        {{nullptr, "relative", "/home/u"}, "/home/u/.local/share/ovalto/defaults.sqlite3"},
+    // OVALTO_DEFAULTS_PATH, XDG_DATA_HOME and HOME (unset when null), and the path they give.
+    const std::tuple<const char*, const char*, const char*, std::string> cases[] = {
+        {"/x/defaults.db", "/data", "/home/u", "/x/defaults.db"},
+        {nullptr, "/data", "/home/u", "/data/ovalto/defaults.sqlite3"},
+        {"", "/data", "/home/u", "/data/ovalto/defaults.sqlite3"},
+        {nullptr, nullptr, "/home/u", "/home/u/.local/share/ovalto/defaults.sqlite3"},
+        {nullptr, "relative", "/home/u", "/home/u/.local/share/ovalto/defaults.sqlite3"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [defaults, data, home, expected] : cases) {
+        const char* values[] = {defaults, data, home};
         for (int i = 0; i < 3; ++i)
-            c.values[i] ? setenv(names[i], c.values[i], 1) : unsetenv(names[i]);
-        EXPECT_EQ(KeyValueStore::standardPath(), c.expected);
+            values[i] ? setenv(names[i], values[i], 1) : unsetenv(names[i]);
+        EXPECT_EQ(KeyValueStore::standardPath(), expected);
     }
     for (int i = 0; i < 3; ++i)
         saved[i] ? setenv(names[i], saved[i]->c_str(), 1) : unsetenv(names[i]);

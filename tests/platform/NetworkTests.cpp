@@ -175,31 +175,29 @@ std::string describe(const Cookie& c) {
 }
 
 TEST(Cookie, SetCookieHeadersAreReadWithEveryAttributeAndForeignDomainsDropped) {
-    const auto read = [](std::initializer_list<const char*> values) {
-        HeaderFields fields;
-        for (const char* value : values)
-            fields.addValue(value, "Set-Cookie");
-        std::vector<std::string> cookies;
-        for (const auto& cookie : Cookie::cookies(fields, url("https://cdn.example.com/live/sub/index.m3u8")))
-            cookies.push_back(describe(cookie));
-        return cookies;
-    };
+    const Url site = url("https://cdn.example.com/live/sub/index.m3u8");
+    HeaderFields fields;
+    EXPECT_TRUE(Cookie::cookies(fields, site).empty());
+    for (const char* value :
+         {"session=abc; Domain=.Example.com; Path=/live; Secure; HttpOnly; Expires=Wed, 21 Oct 2037 07:28:00 "
+          "GMT",
+          "a=1; Domain=other.com", "b=2; Domain=ample.com", "plain=\"quoted\"", "novalue",
+          "gone=x; Max-Age=0", "=x", "short=y; Max-Age=60; Expires=Thu, 01 Jan 1970 00:00:00 GMT",
+          "c=3; Domain=cdn.example.com"})
+        fields.addValue(value, "Set-Cookie");
+    std::vector<std::string> cookies;
+    for (const auto& cookie : Cookie::cookies(fields, site))
+        cookies.push_back(describe(cookie));
     // Nameless ones ("novalue", "=x") are no cookies, and do not spoil the cookie before them.
-    EXPECT_EQ(
-        read({"session=abc; Domain=.Example.com; Path=/live; Secure; HttpOnly; Expires=Wed, 21 Oct 2037 "
-              "07:28:00 GMT",
-              "a=1; Domain=other.com", "b=2; Domain=ample.com", "plain=\"quoted\"", "novalue",
-              "gone=x; Max-Age=0", "=x", "short=y; Max-Age=60; Expires=Thu, 01 Jan 1970 00:00:00 GMT",
-              "c=3; Domain=cdn.example.com"}),
-        (std::vector<std::string>{
-            "session=abc .example.com /live secure httpOnly until 2139722880",
-            // Without attributes: the host only, the directory of the request path, a session cookie.
-            "plain=quoted cdn.example.com /live/sub session",
-            "gone=x cdn.example.com /live/sub expired",
-            "short=y cdn.example.com /live/sub soon", // Max-Age wins over Expires
-            "c=3 .cdn.example.com /live/sub session",
-        }));
-    EXPECT_EQ(read({}), std::vector<std::string>{});
+    EXPECT_EQ(cookies,
+              (std::vector<std::string>{
+                  "session=abc .example.com /live secure httpOnly until 2139722880",
+                  // Without attributes: the host only, the directory of the request path, a session cookie.
+                  "plain=quoted cdn.example.com /live/sub session",
+                  "gone=x cdn.example.com /live/sub expired",
+                  "short=y cdn.example.com /live/sub soon", // Max-Age wins over Expires
+                  "c=3 .cdn.example.com /live/sub session",
+              }));
 }
 
 TEST(Cookie, MatchingChecksDomainPathAndSecurity) {
@@ -226,7 +224,6 @@ TEST(Cookie, MatchingChecksDomainPathAndSecurity) {
 class CookieStorageTest : public ::testing::Test {
 protected:
     void SetUp() override { storage.removeAll(); }
-    void TearDown() override { storage.removeAll(); }
     CookieStorage& storage = CookieStorage::shared();
 };
 
@@ -363,14 +360,18 @@ protected:
     LoopbackServer& server = *origin;
 };
 
-TEST_F(UrlSessionTest, GetDeliversBodyStatusAndHeadersOnTheSessionQueue) {
-    const auto outcome = perform(url(server.url("/text")));
+// A server of its own counts the connections: sessions share one.
+TEST_F(UrlSessionTest, GetDeliversBodyStatusAndHeadersOnTheSessionQueueOverASharedConnection) {
+    LoopbackServer fresh(routes());
+    const auto outcome = perform(url(fresh.url("/text")));
     ASSERT_TRUE(outcome.response) << outcome.error->localizedDescription;
     const auto& r = *outcome.response;
     EXPECT_EQ(std::tuple(code(outcome), outcome.onDelegateQueue, outcome.data, r.isHttp,
                          r.url.absoluteString(), r.headers.value("x-multi"), r.mimeType,
                          r.expectedContentLength),
-              std::tuple(200, true, "hello", true, server.url("/text"), "a, b", "text/plain", 5));
+              std::tuple(200, true, "hello", true, fresh.url("/text"), "a, b", "text/plain", 5));
+    EXPECT_EQ(perform(url(fresh.url("/text"))).data, "hello");
+    EXPECT_EQ(fresh.connectionCount(), 1u);
 }
 
 TEST_F(UrlSessionTest, SendsBodiesWithTheirMethod) {
@@ -479,13 +480,6 @@ TEST_F(UrlSessionTest, CancelOrInvalidationCompletesOnceWithCancelledButFinishin
     auto hanging = start(other, url(silent.baseUrl() + "/hang")).second;
     other->invalidateAndCancel();
     EXPECT_EQ(code(await(hanging)), urlErrorCancelled);
-}
-
-TEST_F(UrlSessionTest, SessionsShareOneConnection) {
-    LoopbackServer fresh(routes());
-    EXPECT_EQ(perform(url(fresh.url("/text"))).data, "hello");
-    EXPECT_EQ(perform(url(fresh.url("/text"))).data, "hello");
-    EXPECT_EQ(fresh.connectionCount(), 1u);
 }
 
 TEST_F(UrlSessionTest, ManyConcurrentTasksAllComplete) {

@@ -92,13 +92,13 @@ TEST(GlobalQueue, BlockedBlocksDoNotStarveTheNextOne) {
         for (int i = 0; i < blocked; ++i)
             gates->release.signal();
     });
-    for (int i = 0; i < blocked; ++i)
+    for (int i = 0; i < blocked; ++i) {
         DispatchQueue::global()->async([gates] {
             gates->started.signal();
             gates->release.wait();
         });
-    for (int i = 0; i < blocked; ++i)
         ASSERT_TRUE(gates->started.wait(hangGuard)) << "only " << i << " started";
+    }
     DispatchQueue::global()->async([gates] { gates->ran.signal(); });
     EXPECT_TRUE(gates->ran.wait(hangGuard));
 }
@@ -108,13 +108,13 @@ TEST(GlobalQueue, BlockedBlocksDoNotStarveTheNextOne) {
 TEST(ThreadPool, BurstThreadsExitUnderATrickleOfWorkThenAllIdleOnes) {
     ThreadPool pool("test.pool", 100ms);
     DispatchSemaphore release, started, ran;
-    for (int i = 0; i < 4; ++i)
+    for (int i = 0; i < 4; ++i) { // each one blocked before the next comes
         pool.submit([&] {
             started.signal();
             release.wait();
         });
-    for (int i = 0; i < 4; ++i)
         ASSERT_TRUE(started.wait(hangGuard));
+    }
     EXPECT_EQ(pool.threadCount(), 4u);
     for (int i = 0; i < 4; ++i)
         release.signal();
