@@ -35,13 +35,10 @@ auto parts(const Url& u) {
                       u.lastPathComponent());
 }
 
-TEST(UrlParse, RejectsMalformedText) {
+TEST(UrlParse, TakesComponentsFromTheUriEncodesLocalPathsAndRejectsMalformedText) {
     for (const char* text : {"", "http://h/a b", " http://h/", "http://h/\t", "http://h/\x7f",
                              "http://h/caf\xc3\xa9", "http://h/<x>", "http://[::1/", "ht tp://h"})
         EXPECT_FALSE(Url::parse(text)) << text;
-}
-
-TEST(UrlComponents, AreTakenFromTheParsedUri) {
     // Scheme, host, port, path, query, fragment and last path component of what parses.
     for (const auto& [text, expected] :
          std::initializer_list<std::pair<const char*, decltype(parts(url("x:")))>>{
@@ -61,6 +58,14 @@ TEST(UrlComponents, AreTakenFromTheParsedUri) {
         EXPECT_EQ(std::tuple(parts(url(text)), url(text).isFileUrl()),
                   std::tuple(expected, std::get<0>(expected) == "file"))
             << text;
+    // Local paths are encoded.
+    const Url file = Url::fileUrl("/tmp/a b#c.m3u8");
+    EXPECT_EQ(std::tuple(file.isFileUrl(), file.absoluteString(), file.path(), file.lastPathComponent(),
+                         file.fragment()),
+              std::tuple(true, "file:///tmp/a%20b%23c.m3u8", "/tmp/a b#c.m3u8", "a b#c.m3u8", none));
+    const Url relative = Url::fileUrl("rel.txt");
+    EXPECT_EQ(std::tuple(relative.path().starts_with("/"), relative.lastPathComponent()),
+              std::tuple(true, "rel.txt"));
 }
 
 // A CDN that signs a path or query compares the bytes it handed out: nothing of what was written
@@ -134,16 +139,6 @@ TEST(UrlPathEditing, DeletesAndAppendsComponents) {
                   std::tuple(c.expected, parts(url(c.expected))))
             << c.base;
     }
-}
-
-TEST(UrlFile, EncodesLocalPaths) {
-    const Url file = Url::fileUrl("/tmp/a b#c.m3u8");
-    EXPECT_EQ(std::tuple(file.isFileUrl(), file.absoluteString(), file.path(), file.lastPathComponent(),
-                         file.fragment()),
-              std::tuple(true, "file:///tmp/a%20b%23c.m3u8", "/tmp/a b#c.m3u8", "a b#c.m3u8", none));
-    const Url relative = Url::fileUrl("rel.txt");
-    EXPECT_EQ(std::tuple(relative.path().starts_with("/"), relative.lastPathComponent()),
-              std::tuple(true, "rel.txt"));
 }
 
 TEST(Cookie, MakeRejectsPropertiesThatMakeNoCookie) {
