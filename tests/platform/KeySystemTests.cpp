@@ -65,19 +65,7 @@ Data transportStream(std::size_t packets) {
     return segment;
 }
 
-TEST(KeySystem, CertificatesThatAreNotOneAreRefused) {
-    const Data pem = server().certificatePem();
-    const auto refusal = [](const Data& certificate, const char* asset) {
-        const auto made = KeyExchange::makeRequest(certificate, asset, false);
-        return std::holds_alternative<Error>(made) ? std::get<Error>(made).code : 0;
-    };
-    for (const Data& bytes : {Data(), Data("not a certificate"), pem.substr(0, pem.size() / 2),
-                              Data("-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n")})
-        EXPECT_EQ(refusal(bytes, "abc123"), loaderErrorInvalidCertificate) << bytes;
-    EXPECT_EQ(refusal(pem, ""), loaderErrorInvalidContentIdentifier);
-}
-
-TEST(KeySystem, OnlyTheCertificatesServerOpensAnUnchangedKeyRequest) {
+TEST(KeySystem, RequestsNeedACertificateAndOnlyItsServerOpensThemUnchanged) {
     const auto made = request("abc123", true);
     auto read = KeyExchange::readRequest(made.serverPlaybackContext, server());
     ASSERT_TRUE(std::holds_alternative<KeyRequestSession>(read)) << std::get<std::string>(read);
@@ -104,6 +92,16 @@ TEST(KeySystem, OnlyTheCertificatesServerOpensAnUnchangedKeyRequest) {
         EXPECT_NE(std::get<std::string>(refused).find(reason), std::string::npos)
             << what << ": " << std::get<std::string>(refused);
     }
+    // Only a certificate makes a request, and only for an asset.
+    const Data pem = server().certificatePem();
+    const auto refusal = [](const Data& certificate, const char* asset) {
+        const auto attempt = KeyExchange::makeRequest(certificate, asset, false);
+        return std::holds_alternative<Error>(attempt) ? std::get<Error>(attempt).code : 0;
+    };
+    for (const Data& bytes : {Data(), Data("not a certificate"), pem.substr(0, pem.size() / 2),
+                              Data("-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n")})
+        EXPECT_EQ(refusal(bytes, "abc123"), loaderErrorInvalidCertificate) << bytes;
+    EXPECT_EQ(refusal(pem, ""), loaderErrorInvalidContentIdentifier);
 }
 
 TEST(KeySystem, AnAnswerGivesItsKeyOnlyToTheRequestItAnswers) {
