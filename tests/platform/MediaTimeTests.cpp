@@ -67,7 +67,7 @@ TEST(MediaTime, NonNumericOperandsFollowTheirOwnRules) {
         EXPECT_EQ(apply(a, op, b).flags, expected.flags) << a.description() << op << b.description();
 }
 
-TEST(MediaTime, ConvertScaleRoundsHalfAwayFromZero) {
+TEST(MediaTime, ConversionsToOtherScalesAndFromSecondsRoundHalfAwayFromZero) {
     // value/from converted to `to`: the value and flags expected.
     const std::tuple<std::int64_t, std::int32_t, std::int32_t, std::int64_t, std::uint32_t> cases[] = {
         {6006, 1000, 30000, 180180, valid}, {1, 3, 1000, 333, rounded}, {2, 3, 1000, 667, rounded},
@@ -78,6 +78,13 @@ TEST(MediaTime, ConvertScaleRoundsHalfAwayFromZero) {
             << value << "/" << from << " to " << to;
     EXPECT_FALSE(MediaTime::make(1, 1).convertScale(0).isValid());
     EXPECT_TRUE(indefinite.convertScale(1000).isIndefinite());
+
+    EXPECT_DOUBLE_EQ(MediaTime::make(6006, 1000).seconds(), 6.006);
+    EXPECT_TRUE(std::isnan(invalid.seconds()) && std::isnan(indefinite.seconds()));
+    EXPECT_FALSE(MediaTime::make(1, 0).isValid() || MediaTime::makeWithSeconds(NAN, 600).isValid());
+    EXPECT_EQ(fields(MediaTime::makeWithSeconds(2.5, 600)), std::tuple(1500, 600, valid));
+    EXPECT_EQ(MediaTime::makeWithSeconds(1.0 / 3, 10).flags, rounded);
+    EXPECT_EQ(compare(MediaTime::makeWithSeconds(1e30, 600), plusInfinity), 0);
 }
 
 TEST(MediaTime, ComparesByValueAndOrdersTheSpecialTimes) {
@@ -92,15 +99,6 @@ TEST(MediaTime, ComparesByValueAndOrdersTheSpecialTimes) {
                   std::pair(-1, 1))
             << i;
     EXPECT_EQ(compare(invalid, MediaTime::invalid()), 0);
-}
-
-TEST(MediaTime, SecondsAndConstruction) {
-    EXPECT_DOUBLE_EQ(MediaTime::make(6006, 1000).seconds(), 6.006);
-    EXPECT_TRUE(std::isnan(invalid.seconds()) && std::isnan(indefinite.seconds()));
-    EXPECT_FALSE(MediaTime::make(1, 0).isValid() || MediaTime::makeWithSeconds(NAN, 600).isValid());
-    EXPECT_EQ(fields(MediaTime::makeWithSeconds(2.5, 600)), std::tuple(1500, 600, valid));
-    EXPECT_EQ(MediaTime::makeWithSeconds(1.0 / 3, 10).flags, rounded);
-    EXPECT_EQ(compare(MediaTime::makeWithSeconds(1e30, 600), plusInfinity), 0);
 }
 
 } // namespace

@@ -138,7 +138,7 @@ TEST(UrlPathEditing, DeletesAndAppendsComponents) {
     }
 }
 
-TEST(Cookie, MakeRejectsPropertiesThatMakeNoCookie) {
+TEST(Cookie, MakeRejectsPropertiesThatMakeNoCookieAndMatchingChecksDomainPathAndSecurity) {
     const struct {
         const char *name, *value;
         bool valid;
@@ -151,6 +151,25 @@ TEST(Cookie, MakeRejectsPropertiesThatMakeNoCookie) {
     for (const auto& c : cases)
         EXPECT_EQ(Cookie::make(c.name, c.value).has_value(), c.valid)
             << "'" << c.name << "'='" << c.value << "'";
+
+    Cookie hostOnly = *Cookie::make("a", "1", "example.com", "/");
+    Cookie domain = *Cookie::make("b", "2", ".example.com", "/video");
+    Cookie secure = *Cookie::make("c", "3", "example.com");
+    secure.secure = true;
+    const struct {
+        const Cookie& cookie;
+        const char* url;
+        bool matches;
+    } matching[] = {
+        {hostOnly, "http://example.com/x", true},       {hostOnly, "http://EXAMPLE.com", true},
+        {hostOnly, "http://a.example.com/x", false},    {hostOnly, "http://badexample.com/x", false},
+        {domain, "http://a.example.com/video", true},   {domain, "http://example.com/video/1.ts", true},
+        {domain, "http://example.com/videos", false},   {domain, "http://example.com/", false},
+        {domain, "http://badexample.com/video", false}, {secure, "https://example.com/", true},
+        {secure, "http://example.com/", false},         {secure, "HTTPS://example.com/", true},
+    };
+    for (const auto& c : matching)
+        EXPECT_EQ(c.cookie.matches(url(c.url)), c.matches) << c.cookie.name << " " << c.url;
 }
 
 // "name=value domain path", the flags set, and when it ends: "session", "expired", "soon" (within
@@ -190,27 +209,6 @@ TEST(Cookie, SetCookieHeadersAreReadWithEveryAttributeAndForeignDomainsDropped) 
                   "short=y cdn.example.com /live/sub soon", // Max-Age wins over Expires
                   "c=3 .cdn.example.com /live/sub session",
               }));
-}
-
-TEST(Cookie, MatchingChecksDomainPathAndSecurity) {
-    Cookie hostOnly = *Cookie::make("a", "1", "example.com", "/");
-    Cookie domain = *Cookie::make("b", "2", ".example.com", "/video");
-    Cookie secure = *Cookie::make("c", "3", "example.com");
-    secure.secure = true;
-    const struct {
-        const Cookie& cookie;
-        const char* url;
-        bool matches;
-    } cases[] = {
-        {hostOnly, "http://example.com/x", true},       {hostOnly, "http://EXAMPLE.com", true},
-        {hostOnly, "http://a.example.com/x", false},    {hostOnly, "http://badexample.com/x", false},
-        {domain, "http://a.example.com/video", true},   {domain, "http://example.com/video/1.ts", true},
-        {domain, "http://example.com/videos", false},   {domain, "http://example.com/", false},
-        {domain, "http://badexample.com/video", false}, {secure, "https://example.com/", true},
-        {secure, "http://example.com/", false},         {secure, "HTTPS://example.com/", true},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(c.cookie.matches(url(c.url)), c.matches) << c.cookie.name << " " << c.url;
 }
 
 class CookieStorageTest : public ::testing::Test {

@@ -352,7 +352,7 @@ TEST(SystemLog, LinesFromConcurrentThreadsNeverInterleave) {
               8 * 300);
 }
 
-TEST(SystemLog, SinksTakeTheTextOffStandardErrorWhichGetsItStampedAndVerbatim) {
+TEST(SystemLog, SinksTakeTheTextOffStandardErrorWhichGetsItStampedAndVerbatimAndMayRemoveThemselves) {
     std::vector<std::string> seen;
     const auto lines = standardErrorLines("marker-sink", [&] {
         {
@@ -367,9 +367,8 @@ TEST(SystemLog, SinksTakeTheTextOffStandardErrorWhichGetsItStampedAndVerbatim) {
     // Only the line written after the capture ended reached standard error.
     EXPECT_EQ(lines, std::vector<std::string>{std::to_string(getpid()) + ":" + std::to_string(gettid()) +
                                               " marker-sink 100% of %s %d %n done"});
-}
 
-TEST(SystemLog, RemovedSinkIsNeverCalledAgainAndMayRemoveItself) {
+    // A sink that removes itself while called is never called again.
     ovalto::test::LogCapture quiet;
     int calls = 0, token = 0;
     token = SystemLog::addSink([&](const std::string&) {
