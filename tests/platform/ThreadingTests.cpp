@@ -10,8 +10,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <latch>
+#include <numeric>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -26,10 +28,6 @@ namespace {
 constexpr auto hangGuard = 30s;
 constexpr auto forever = std::chrono::steady_clock::duration::max();
 
-bool runUntil(const std::function<bool()>& done) {
-    return RunLoop::main().runFor(hangGuard, done);
-}
-
 // Starts `count` threads that all begin `body` together, so that they meet, and joins them.
 void together(int count, const std::function<void(int)>& body) {
     std::latch start(count);
@@ -41,41 +39,28 @@ void together(int count, const std::function<void(int)>& body) {
         });
 }
 
-TEST(SerialQueue, RunsBlocksOneAtATimeInSubmissionOrderUnderConcurrentSubmitters) {
+TEST(SerialQueue, RunsBlocksOneAtATimeInSubmissionOrderEvenAfterTheLastHandleIsGone) {
     auto queue = DispatchQueue::serial("test.fifo");
-    constexpr int submitters = 4, blocksEach = 500;
+    DispatchSemaphore gate, done;
     std::atomic<int> running{0};
     std::atomic<bool> overlapped{false};
-    std::vector<std::pair<int, int>> order; // touched only by the queue's blocks
-    together(submitters, [&](int s) {
-        for (int i = 0; i < blocksEach; ++i)
+    std::vector<std::vector<int>> order(4); // each submitter's blocks as they ran; touched only by them
+    queue->async([&] { gate.wait(); });     // holds every block back until the handle is gone
+    together(4, [&](int s) {
+        for (int i = 0; i < 500; ++i)
             queue->async([&, s, i] {
                 if (running.fetch_add(1) != 0) overlapped = true;
-                order.emplace_back(s, i);
+                order[s].push_back(i);
                 running.fetch_sub(1);
             });
     });
-    queue->sync([] {});
-    EXPECT_FALSE(overlapped);
-    ASSERT_EQ(order.size(), std::size_t{submitters * blocksEach});
-    std::vector<int> next(submitters, 0);
-    for (auto [s, i] : order)
-        ASSERT_EQ(i, next[s]++) << "submitter " << s;
-}
-
-TEST(SerialQueue, DrainsPendingBlocksAfterTheLastHandleIsGone) {
-    DispatchSemaphore gate, done;
-    std::atomic<int> ran{0};
-    {
-        auto queue = DispatchQueue::serial("test.released");
-        queue->async([&] { gate.wait(); });
-        for (int i = 0; i < 10; ++i)
-            queue->async([&] { ++ran; });
-        queue->async([&] { done.signal(); });
-    }
+    queue->async([&] { done.signal(); });
+    queue.reset();
     gate.signal();
     ASSERT_TRUE(done.wait(hangGuard));
-    EXPECT_EQ(ran, 10);
+    std::vector<int> submitted(500);
+    std::iota(submitted.begin(), submitted.end(), 0);
+    EXPECT_EQ(std::tuple(overlapped.load(), order), std::tuple(false, std::vector(4, submitted)));
 }
 
 TEST(DispatchQueue, SyncRunsOnTheQueueWhichIsCurrentOnlyThere) {
@@ -107,13 +92,13 @@ TEST(GlobalQueue, BlockedBlocksDoNotStarveTheNextOne) {
         for (int i = 0; i < blocked; ++i)
             gates->release.signal();
     });
-    for (int i = 0; i < blocked; ++i)
+    for (int i = 0; i < blocked; ++i) {
         DispatchQueue::global()->async([gates] {
             gates->started.signal();
             gates->release.wait();
         });
-    for (int i = 0; i < blocked; ++i)
         ASSERT_TRUE(gates->started.wait(hangGuard)) << "only " << i << " started";
+    }
     DispatchQueue::global()->async([gates] { gates->ran.signal(); });
     EXPECT_TRUE(gates->ran.wait(hangGuard));
 }
@@ -123,13 +108,13 @@ TEST(GlobalQueue, BlockedBlocksDoNotStarveTheNextOne) {
 TEST(ThreadPool, BurstThreadsExitUnderATrickleOfWorkThenAllIdleOnes) {
     ThreadPool pool("test.pool", 100ms);
     DispatchSemaphore release, started, ran;
-    for (int i = 0; i < 4; ++i)
+    for (int i = 0; i < 4; ++i) { // each one blocked before the next comes
         pool.submit([&] {
             started.signal();
             release.wait();
         });
-    for (int i = 0; i < 4; ++i)
         ASSERT_TRUE(started.wait(hangGuard));
+    }
     EXPECT_EQ(pool.threadCount(), 4u);
     for (int i = 0; i < 4; ++i)
         release.signal();
@@ -188,7 +173,7 @@ TEST(MainQueue, RunsBlocksOnlyOnWhicheverThreadDrivesTheRunLoop) {
     for (int round = 0; round < 3; ++round) {
         SCOPED_TRACE(round);
         std::atomic<bool> ran{false};
-        std::thread::id ranOn, driver = std::this_thread::get_id();
+        std::thread::id ranOn, driver;
         bool wasCurrent = false;
         std::thread([&] {
             DispatchQueue::main()->async([&] {
@@ -200,14 +185,11 @@ TEST(MainQueue, RunsBlocksOnlyOnWhicheverThreadDrivesTheRunLoop) {
         // Give a wrong implementation every chance to run the block on a thread of its own.
         if (round == 0) std::this_thread::sleep_for(20ms);
         EXPECT_FALSE(ran || DispatchQueue::main()->isCurrent());
-        if (round % 2 == 0) {
-            std::thread([&] {
-                driver = std::this_thread::get_id();
-                runUntil([&] { return ran.load(); });
-            }).join();
-        } else {
-            runUntil([&] { return ran.load(); });
-        }
+        const auto drive = [&] {
+            driver = std::this_thread::get_id();
+            RunLoop::main().runFor(hangGuard, [&] { return ran.load(); });
+        };
+        round % 2 ? drive() : std::thread(drive).join();
         EXPECT_EQ(std::tuple(ran.load(), ranOn, wasCurrent), std::tuple(true, driver, true));
     }
 }
@@ -222,22 +204,16 @@ TEST(RunLoop, StopReturnsAfterTheCurrentBlockAndKeepsTheRestAndRunForReportsTheD
     DispatchQueue::main()->async([&] { order.push_back(3); });
     RunLoop::main().run();
     EXPECT_EQ(order, (std::vector<int>{1, 2}));
-    ASSERT_TRUE(runUntil([&] { return order.size() == 3; }));
-    EXPECT_EQ(order.back(), 3);
+    EXPECT_TRUE(RunLoop::main().runFor(hangGuard, [&] { return order == std::vector{1, 2, 3}; }));
     // runFor tells whether it ended because the condition held or because time ran out.
     EXPECT_FALSE(RunLoop::main().runFor(10ms, [] { return false; }));
 }
 
-// A failed test must not leave a timer firing into its dead locals.
-struct InvalidateOnExit {
-    std::shared_ptr<Timer> timer;
-    ~InvalidateOnExit() { timer->invalidate(); }
-};
-
-TEST(Timer, RepeatingTimerStopsAtInvalidateFromItsBlockOrAnotherThreadAndReleasesItsCaptures) {
+TEST(Timer, RepeatingOnesStopAtInvalidateFromTheirBlockOrAnotherThreadAndOneShotsFireOnce) {
     auto capture = std::make_shared<int>(0), otherCapture = std::make_shared<int>(0);
     std::weak_ptr<int> watch = capture, otherWatch = otherCapture;
-    int fired = 0;
+    int fired = 0, oneShotFired = 0;
+    bool foreverFired = false;
     std::atomic<int> otherFired{0};
     std::thread::id firedOn;
     auto timer = Timer::scheduledTimer(1ms, true, [&fired, &firedOn, capture](Timer& self) {
@@ -245,96 +221,73 @@ TEST(Timer, RepeatingTimerStopsAtInvalidateFromItsBlockOrAnotherThreadAndRelease
         if (++fired == 3) self.invalidate();
     });
     auto other = Timer::scheduledTimer(1ms, true, [&otherFired, otherCapture](Timer&) { ++otherFired; });
-    InvalidateOnExit guard{timer}, otherGuard{other};
+    std::weak_ptr<Timer> oneShot = Timer::scheduledTimer(1ms, false, [&](Timer&) { ++oneShotFired; });
+    // An interval of "forever" must not wrap around into the past.
+    auto never = Timer::scheduledTimer(forever, false, [&](Timer&) { foreverFired = true; });
+    // A failed test must not leave a timer firing into its dead locals.
+    const std::shared_ptr<void> invalidate(nullptr, [&](void*) {
+        for (const auto& each : {timer, other, never})
+            each->invalidate();
+    });
     capture.reset();
     otherCapture.reset();
-    EXPECT_FALSE(watch.expired()); // a timer keeps its block alive while valid
+    // A timer keeps its block alive while valid; the run loop holds a one-shot one until it fires.
+    EXPECT_FALSE(watch.expired() || oneShot.expired());
 
-    ASSERT_TRUE(runUntil([&] { return fired == 3 && otherFired >= 2; }));
+    ASSERT_TRUE(
+        RunLoop::main().runFor(hangGuard, [&] { return fired == 3 && otherFired >= 2 && oneShotFired; }));
     EXPECT_EQ(std::tuple(timer->isValid(), watch.expired(), firedOn),
               std::tuple(false, true, std::this_thread::get_id()));
     std::thread([other] { other->invalidate(); }).join();
     const int otherAtInvalidate = otherFired;
     RunLoop::main().runFor(30ms);
-    EXPECT_EQ(std::tuple(fired, otherFired.load(), otherWatch.expired()),
-              std::tuple(3, otherAtInvalidate, true));
+    EXPECT_EQ(std::tuple(fired, otherFired.load(), otherWatch.expired(), oneShotFired, oneShot.expired(),
+                         foreverFired, never->isValid()),
+              std::tuple(3, otherAtInvalidate, true, 1, true, false, true));
 }
-
-TEST(Timer, OneShotTimerFiresOnceAndOutlivesItsHandleAndAForeverOneNever) {
-    int fired = 0;
-    bool foreverFired = false;
-    std::weak_ptr<Timer> watch = Timer::scheduledTimer(1ms, false, [&](Timer&) { ++fired; });
-    EXPECT_FALSE(watch.expired()); // the run loop holds it until it fires
-    // An interval of "forever" must not wrap around into the past.
-    auto never = Timer::scheduledTimer(forever, false, [&](Timer&) { foreverFired = true; });
-    InvalidateOnExit guard{never};
-    ASSERT_TRUE(runUntil([&] { return fired == 1; }));
-    RunLoop::main().runFor(20ms);
-    EXPECT_EQ(std::tuple(fired, watch.expired(), foreverFired, never->isValid()),
-              std::tuple(1, true, false, true));
-}
-
-struct Sender {
-    int id = 0;
-};
 
 TEST(NotificationCenter, FiltersByNameAndObject) {
-    auto a = std::make_shared<Sender>(), b = std::make_shared<Sender>();
-    std::weak_ptr<const void> dead = std::make_shared<Sender>(); // an observer of it matches nothing
-    const struct {
-        const char* observedName;
-        std::weak_ptr<const void> observedObject;
-        const char* postedName;
-        std::shared_ptr<Sender> postedObject;
-        bool delivered;
-    } cases[] = {
-        {"ready", {}, "ready", nullptr, true}, {"ready", {}, "ready", a, true},
-        {"ready", {}, "stalled", a, false},    {"", {}, "stalled", b, true},
-        {"ready", a, "ready", a, true},        {"ready", a, "ready", b, false},
-        {"ready", a, "ready", nullptr, false}, {"", a, "anything", a, true},
-        {"", a, "anything", b, false},         {"ready", a, "stalled", a, false},
-        {"ready", dead, "ready", b, false},    {"ready", dead, "ready", nullptr, false},
-    };
-    for (std::size_t i = 0; i < std::size(cases); ++i) {
-        const auto& c = cases[i];
+    auto a = std::make_shared<int>(1), b = std::make_shared<int>(2);
+    std::weak_ptr<const void> dead = std::make_shared<int>(3); // an observer of it matches nothing
+    // Observed name and object, posted name and object, and whether the post is delivered.
+    const std::tuple<const char*, std::weak_ptr<const void>, const char*, std::shared_ptr<int>, bool>
+        cases[] = {
+            {"ready", {}, "ready", nullptr, true}, {"ready", {}, "ready", a, true},
+            {"ready", {}, "stalled", a, false},    {"", {}, "stalled", b, true},
+            {"ready", a, "ready", a, true},        {"ready", a, "ready", b, false},
+            {"ready", a, "ready", nullptr, false}, {"", a, "anything", a, true},
+            {"", a, "anything", b, false},         {"ready", a, "stalled", a, false},
+            {"ready", dead, "ready", b, false},    {"ready", dead, "ready", nullptr, false},
+        };
+    int row = 0;
+    for (const auto& [observedName, observedObject, postedName, postedObject, delivered] : cases) {
         NotificationCenter center;
         int calls = 0;
-        center.addObserver(c.observedName, c.observedObject, [&](const Notification&) { ++calls; });
-        center.post(c.postedName, c.postedObject);
-        EXPECT_EQ(calls, c.delivered ? 1 : 0) << "case " << i;
+        center.addObserver(observedName, observedObject, [&](const Notification&) { ++calls; });
+        center.post(postedName, postedObject);
+        EXPECT_EQ(calls, delivered ? 1 : 0) << "row " << row++;
     }
 }
 
-TEST(NotificationCenter, DeliversNameObjectAndUserInfoInOrderOfRegistration) {
-    NotificationCenter center;
-    std::vector<std::string> calls;
-    center.addObserver("ready", {}, [&](const Notification& n) {
-        const auto sender = n.objectAs<Sender>();
-        calls.push_back(n.name + " " + std::to_string(sender ? sender->id : -1) + " " +
-                        std::to_string(std::any_cast<int>(n.userInfo.at("bitrate"))));
-    });
-    center.addObserver("ready", {}, [&](const Notification&) { calls.push_back("second"); });
-    center.post("ready", std::make_shared<Sender>(Sender{42}), {{"bitrate", 800000}});
-    EXPECT_EQ(calls, (std::vector<std::string>{"ready 42 800000", "second"}));
-}
-
-TEST(NotificationCenter, RemovalTakesEffectEvenDuringAPost) {
+TEST(NotificationCenter, DeliversInOrderOfRegistrationAndRemovalTakesEffectEvenDuringAPost) {
     NotificationCenter center;
     std::vector<std::string> calls;
     NotificationCenter::Token self = 0, later = 0;
-    self = center.addObserver("tick", {}, [&](const Notification&) {
-        calls.push_back("self");
+    self = center.addObserver("tick", {}, [&](const Notification& n) {
+        const auto sender = n.objectAs<int>();
+        calls.push_back(n.name + " " + std::to_string(sender ? *sender : -1) + " " +
+                        std::to_string(std::any_cast<int>(n.userInfo.at("bitrate"))));
         center.removeObserver(self);
         center.removeObserver(later);
     });
     later = center.addObserver("tick", {}, [&](const Notification&) { calls.push_back("later"); });
     auto kept = center.addObserver("tick", {}, [&](const Notification&) { calls.push_back("kept"); });
-    center.post("tick");
+    center.post("tick", std::make_shared<int>(42), {{"bitrate", 800000}});
     center.post("tick");
     center.removeObserver(kept);
     center.removeObserver(kept); // unknown tokens are ignored
     center.post("tick");
-    EXPECT_EQ(calls, (std::vector<std::string>{"self", "kept", "kept"}));
+    EXPECT_EQ(calls, (std::vector<std::string>{"tick 42 800000", "kept", "kept"}));
 }
 
 TEST(NotificationCenter, PostsAndRegistrationsFromManyThreads) {
@@ -352,8 +305,9 @@ TEST(NotificationCenter, PostsAndRegistrationsFromManyThreads) {
 }
 
 // Runs `body` with file descriptor 2 pointed at a pipe and returns the lines written there that
-// contain `marker`. The reader takes small bites, so writers often find the pipe full and wake up
-// together: lines written in pieces would interleave.
+// contain `marker`, "2024-05-01T12:34:56.789+02:00 ovalto[<pid>:<tid>] <text>" as "<pid>:<tid> <text>"
+// (empty when the stamp is off). The reader takes small bites, so writers often find the pipe full
+// and wake up together: lines written in pieces would interleave.
 std::vector<std::string> standardErrorLines(const std::string& marker, const std::function<void()>& body) {
     int fds[2];
     EXPECT_EQ(pipe(fds), 0);
@@ -372,41 +326,33 @@ std::vector<std::string> standardErrorLines(const std::string& marker, const std
     dup2(saved, STDERR_FILENO); // closes the pipe's last write end: the reader sees its end
     close(saved);
     reader.join();
+    static const std::regex stamped(
+        R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d ovalto\[(\d+:\d+)\] (.*))");
     std::istringstream in(output);
     std::vector<std::string> lines;
+    std::smatch match;
     for (std::string line; std::getline(in, line);)
-        if (line.find(marker) != std::string::npos) lines.push_back(line);
+        if (line.find(marker) != std::string::npos)
+            lines.push_back(std::regex_match(line, match, stamped) ? match[1].str() + " " + match[2].str()
+                                                                   : "");
     return lines;
 }
 
-// "2024-05-01T12:34:56.789+02:00 ovalto[<pid>:<tid>] <text>" as "<pid>:<tid> <text>"; empty when
-// the prefix is off.
-std::string unstamped(const std::string& line) {
-    static const std::regex stamped(
-        R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d ovalto\[(\d+:\d+)\] (.*))");
-    std::smatch match;
-    return std::regex_match(line, match, stamped) ? match[1].str() + " " + match[2].str() : "";
-}
-
 TEST(SystemLog, LinesFromConcurrentThreadsNeverInterleave) {
-    constexpr int threads = 8, linesEach = 300;
     const auto lines = standardErrorLines("marker-concurrent", [] {
-        together(threads, [](int t) {
-            const std::string line = "marker-concurrent " + std::string(200, static_cast<char>('a' + t));
-            for (int i = 0; i < linesEach; ++i)
-                SystemLog::write(line);
+        together(8, [](int t) {
+            for (int i = 0; i < 300; ++i)
+                SystemLog::write("marker-concurrent " + std::string(200, static_cast<char>('a' + t)));
         });
     });
-    ASSERT_EQ(lines.size(), std::size_t{threads * linesEach});
-    for (const auto& line : lines) {
-        const std::string text = unstamped(line);
-        ASSERT_NE(text.find(" marker-concurrent "), std::string::npos) << line.substr(0, 80);
-        const auto body = text.substr(text.find(" marker-concurrent ") + 19);
-        EXPECT_EQ(body, std::string(200, body[0]));
-    }
+    // Every line whole: stamped, then the marker and one thread's 200 letters.
+    const std::regex whole(R"(\d+:\d+ marker-concurrent ([a-h])\1{199})");
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [&](const std::string& line) { return std::regex_match(line, whole); }),
+              8 * 300);
 }
 
-TEST(SystemLog, SinksTakeTheTextOffStandardErrorWhichGetsItStampedAndVerbatim) {
+TEST(SystemLog, SinksTakeTheTextOffStandardErrorWhichGetsItStampedAndVerbatimAndMayRemoveThemselves) {
     std::vector<std::string> seen;
     const auto lines = standardErrorLines("marker-sink", [&] {
         {
@@ -419,12 +365,10 @@ TEST(SystemLog, SinksTakeTheTextOffStandardErrorWhichGetsItStampedAndVerbatim) {
     });
     EXPECT_EQ(seen, (std::vector<std::string>{"marker-sink first", "marker-sink from a thread"}));
     // Only the line written after the capture ended reached standard error.
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(unstamped(lines[0]), std::to_string(getpid()) + ":" + std::to_string(gettid()) +
-                                       " marker-sink 100% of %s %d %n done");
-}
+    EXPECT_EQ(lines, std::vector<std::string>{std::to_string(getpid()) + ":" + std::to_string(gettid()) +
+                                              " marker-sink 100% of %s %d %n done"});
 
-TEST(SystemLog, RemovedSinkIsNeverCalledAgainAndMayRemoveItself) {
+    // A sink that removes itself while called is never called again.
     ovalto::test::LogCapture quiet;
     int calls = 0, token = 0;
     token = SystemLog::addSink([&](const std::string&) {
