@@ -124,45 +124,35 @@ protected:
 TEST_F(LicenseTest, CertificateComesFromDataBeforeUrlAndFailsClearly) {
     const auto url = *platform::Url::parse(certificates.url("/app.cer"));
     const auto missing = *platform::Url::parse(certificates.url("/missing.cer"));
-    const struct {
-        const char* what;
-        std::optional<Data> data;
-        std::optional<platform::Url> url;
-        int urlReads;
-        std::string key; // what comes out of the answer; empty: the request fails
-        int ovaltoCode;  // of the error; -1: no error, or not one of ours
-    } rows[] = {
-        {"data wins over the URL", identity().certificatePem(), missing, 0, "demo", -1},
-        {"URL when there is no data", std::nullopt, url, 1, "demo", -1},
-        {"neither", std::nullopt, std::nullopt, 0, "", 0x8600},
-        {"data that is no certificate", Data("not a certificate"), url, 0, "", -1},
-        {"URL that is not there", std::nullopt, missing, 0, "", -1},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
+    // what, certificate data, URL, reads of the URL, what comes out of the answer (empty: the request
+    // fails), code of the error (-1: no error, or not one of ours)
+    const std::tuple<const char*, std::optional<Data>, std::optional<platform::Url>, int, std::string, int>
+        rows[] = {
+            {"data wins over the URL", identity().certificatePem(), missing, 0, "demo", -1},
+            {"URL when there is no data", std::nullopt, url, 1, "demo", -1},
+            {"neither", std::nullopt, std::nullopt, 0, "", 0x8600},
+            {"data that is no certificate", Data("not a certificate"), url, 0, "", -1},
+            {"URL that is not there", std::nullopt, missing, 0, "", -1},
+        };
+    for (const auto& [what, data, url, urlReads, key, code] : rows) {
+        SCOPED_TRACE(what);
         const int readsBefore = certificates.requestCount("/app.cer");
         configurations.erase(ConfigurationKey::certData);
         configurations.erase(ConfigurationKey::certUrl);
-        if (row.data) configurations[ConfigurationKey::certData] = *row.data;
-        if (row.url) configurations[ConfigurationKey::certUrl] = *row.url;
+        if (data) configurations[ConfigurationKey::certData] = *data;
+        if (url) configurations[ConfigurationKey::certUrl] = *url;
         const auto answer = playbackKey();
         EXPECT_EQ(std::tuple(answer.finishes, certificates.requestCount("/app.cer") - readsBefore,
                              ovaltoCode(answer.outcome.error), answer.outcome.error ? "" : answer.key()),
-                  std::tuple(1, row.urlReads, row.ovaltoCode, row.key));
+                  std::tuple(1, urlReads, code, key));
     }
 }
 
 TEST_F(LicenseTest, AnswersOfTheServerBecomeAKeyOrTheErrorTheyDeserve) {
     using Fault = LicenseServer::Fault;
-    const struct {
-        const char* what;
-        bool wrap;
-        Fault fault;
-        int status;
-        std::string errorDomain; // of the key request; empty: it succeeds
-        int ovaltoCode;          // of that error; -1: not one of ours
-        std::string key;         // what comes out of the answer; empty: the request fails
-    } rows[] = {
+    // what, ckc wrapping, fault, its status, error domain of the key request (empty: it succeeds),
+    // code of that error (-1: not one of ours), what comes out of the answer (empty: the request fails)
+    const std::tuple<const char*, bool, Fault, int, std::string, int, std::string> rows[] = {
         {"bare base64", false, Fault::none, 500, "", -1, "demo"},
         {"wrapped in ckc with a line break", true, Fault::none, 500, "", -1, "demo"},
         {"403", false, Fault::status, 403, "403 error", -1, ""},
@@ -173,11 +163,10 @@ TEST_F(LicenseTest, AnswersOfTheServerBecomeAKeyOrTheErrorTheyDeserve) {
         {"ckc of another asset", false, Fault::otherAsset, 500, "", -1,
          "error " + std::to_string(platform::loaderErrorKeyForAnotherAsset)},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
+    for (const auto& [what, wrap, fault, status, errorDomain, code, key] : rows) {
+        SCOPED_TRACE(what);
         LicenseServer faulty(
-            identity(),
-            {.keys = {{"abc123", demoKey}}, .wrap = row.wrap, .fault = row.fault, .faultStatus = row.status});
+            identity(), {.keys = {{"abc123", demoKey}}, .wrap = wrap, .fault = fault, .faultStatus = status});
         ASSERT_TRUE(faulty.start());
         configurations[ConfigurationKey::licenseServerUrl] = *platform::Url::parse(faulty.url());
         const auto answer = playbackKey();
@@ -186,9 +175,9 @@ TEST_F(LicenseTest, AnswersOfTheServerBecomeAKeyOrTheErrorTheyDeserve) {
         EXPECT_EQ(std::tuple(answer.finishes, faulty.exchanges().size(), error.domain,
                              ovaltoCode(answer.outcome.error), answer.outcome.contentType,
                              answer.outcome.error ? "" : answer.key()),
-                  std::tuple(1, 1u, row.errorDomain, row.ovaltoCode, std::nullopt, row.key));
+                  std::tuple(1, 1u, errorDomain, code, std::nullopt, key));
         // The status is in the domain's name, not in the code.
-        EXPECT_TRUE(row.fault != Fault::status || error.code == 0) << error.code;
+        EXPECT_TRUE(fault != Fault::status || error.code == 0) << error.code;
     }
 }
 
@@ -307,25 +296,20 @@ TEST_F(LicenseTest, ProtectedStreamPlaysOnlyWithTheRightKey) {
     platform::ContentKey wrong = demoKey;
     wrong.key[3] ^= 0x20;
     using Fault = LicenseServer::Fault;
-    const struct {
-        const char* what;
-        platform::ContentKey serverKey;
-        Fault fault;
-        bool storedFirst, plays;
-        std::size_t exchanges;
-        std::string errorDomain; // of the item's last error-log entry
-    } rows[] = {
-        {"right key", demoKey, Fault::none, false, true, 1, ""},
-        {"stored key, no licence request", wrong, Fault::none, true, true, 0, ""},
-        {"wrong key", wrong, Fault::none, false, false, 1, platform::playerErrorDomain},
-        {"tampered ckc", demoKey, Fault::tamper, false, false, 1, platform::Error::loaderDomain},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
+    // what, the server's key, its fault, key stored first, plays, licence exchanges, error domain of
+    // the item's last error-log entry
+    const std::tuple<const char*, platform::ContentKey, Fault, bool, bool, std::size_t, std::string> rows[] =
+        {
+            {"right key", demoKey, Fault::none, false, true, 1, ""},
+            {"stored key, no licence request", wrong, Fault::none, true, true, 0, ""},
+            {"wrong key", wrong, Fault::none, false, false, 1, platform::playerErrorDomain},
+            {"tampered ckc", demoKey, Fault::tamper, false, false, 1, platform::Error::loaderDomain},
+        };
+    for (const auto& [what, serverKey, fault, storedFirst, plays, exchanges, errorDomain] : rows) {
+        SCOPED_TRACE(what);
         Ovalto::deleteLicense("abc123");
-        if (row.storedFirst)
-            platform::KeyValueStore::standard().set(std::get<Data>(demoKey.seal()), "abc123");
-        LicenseServer licences(identity(), {.keys = {{"abc123", row.serverKey}}, .fault = row.fault});
+        if (storedFirst) platform::KeyValueStore::standard().set(std::get<Data>(demoKey.seal()), "abc123");
+        LicenseServer licences(identity(), {.keys = {{"abc123", serverKey}}, .fault = fault});
         ASSERT_TRUE(licences.start());
         auto facade = Ovalto::create();
         facade->configurations = configurations;
@@ -352,7 +336,7 @@ TEST_F(LicenseTest, ProtectedStreamPlaysOnlyWithTheRightKey) {
         const auto log = item->errorLog();
         EXPECT_EQ(std::tuple(ended.load(), licences.exchanges().size(),
                              log && !log->events.empty() ? log->events.back().errorDomain : ""),
-                  std::tuple(row.plays, row.exchanges, row.errorDomain));
+                  std::tuple(plays, exchanges, errorDomain));
     }
 }
 
@@ -365,16 +349,15 @@ TEST(KeyStoreChild, StoresAKeyAndDies) {
 
 TEST(KeyStore, SurvivesAKilledProcess) {
     Ovalto::deleteLicense("abc123");
-    std::string self = std::filesystem::read_symlink("/proc/self/exe");
-    std::string filter = "--gtest_filter=KeyStoreChild.StoresAKeyAndDies";
+    std::string self = std::filesystem::read_symlink("/proc/self/exe"),
+                filter = "--gtest_filter=KeyStoreChild.StoresAKeyAndDies";
     char* argv[] = {self.data(), filter.data(), nullptr};
     setenv("OVALTO_KEY_STORE_CHILD", "1", 1);
     pid_t child = 0;
     ASSERT_EQ(posix_spawn(&child, self.c_str(), nullptr, nullptr, argv, environ), 0);
     unsetenv("OVALTO_KEY_STORE_CHILD");
     int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    ASSERT_TRUE(waitpid(child, &status, 0) == child && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
     EXPECT_EQ(
         keyOf(platform::ContentKey::unseal(platform::KeyValueStore::standard().data("abc123").value_or(""))),
         "demo");
