@@ -83,11 +83,10 @@ TEST(RewriteCommandTest, PrintsWhatThePlayerReceivesForAFileOrAUrl) {
 TEST(RewriteCommandTest, ShowsTheLibrarysWarningsBesideTheResult) {
     const auto rewritten = tool::rewritePlayList("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=fast\nv.m3u8\n",
                                                  *platform::Url::parse("http://h/master.m3u8"), 0, 0);
-    EXPECT_TRUE(rewritten.isMaster);
-    EXPECT_EQ(rewritten.playList,
-              "#EXTM3U\n#EXT-X-VERSION:7\n#EXT-X-STREAM-INF:BANDWIDTH=fast\n0/1500000/media.m3u8");
-    EXPECT_EQ(rewritten.warnings,
-              Args{"BANDWIDTH=fast is not a 32-bit decimal integer; the variant is keyed 1500000."});
+    EXPECT_EQ(
+        std::tuple(rewritten.isMaster, rewritten.playList, rewritten.warnings),
+        std::tuple(true, "#EXTM3U\n#EXT-X-VERSION:7\n#EXT-X-STREAM-INF:BANDWIDTH=fast\n0/1500000/media.m3u8",
+                   Args{"BANDWIDTH=fast is not a 32-bit decimal integer; the variant is keyed 1500000."}));
 }
 
 // MARK: - rewrite --through-loader: the answers a player gets from the resource loader
@@ -125,11 +124,11 @@ TEST(ThroughLoaderTest, MasterFailureExitsNonZeroWithTheError) {
     test::TestOrigin origin;
     origin.script("/gone/master.m3u8", {{503}});
     const auto run = ovalto("rewrite", {"--through-loader", origin.url("/gone/master.m3u8")});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.out.find("> cplp://local/master.m3u8\n< error 503: PlayList response is not valid.\n"),
-              std::string::npos)
+    const auto answer =
+        run.out.find("> cplp://local/master.m3u8\n< error 503: PlayList response is not valid.\n");
+    EXPECT_EQ(std::tuple(run.status, answer != std::string::npos, origin.requestCount("/gone/master.m3u8")),
+              std::tuple(1, true, 4))
         << run.out;
-    EXPECT_EQ(origin.requestCount("/gone/master.m3u8"), 4);
 }
 
 // MARK: - subtitles: the tables of a side-car document as JSON
@@ -147,17 +146,16 @@ TEST(SubtitlesCommandTest, JsonHoldsBothTablesWithDecimalKeys) {
     EXPECT_EQ(ovalto("subtitles", {"sample:vtt", "--json"}).out, srt.out);
     const auto ttml = nlohmann::json::parse(
         ovalto("subtitles", {"sample:ttml", "--mime", "application/xml+nttml", "--json"}).out);
-    EXPECT_EQ(ttml["texts"].size(), 12u);
-    EXPECT_TRUE(ttml["cues"].empty());
+    EXPECT_EQ(std::tuple(ttml["texts"].size(), ttml["cues"].empty()), std::tuple(12u, true));
 }
 
 // MARK: - Bad usage and failures of every command
 
 TEST(ToolArgumentsTest, BadUsageAndUnreadableInputSayWhyOnStandardErrorWithTheirExitStatus) {
     const auto temporary = std::filesystem::temp_directory_path();
-    const std::string page = (temporary / "ovalto-rewrite-page.html").string(),
-                      empty =
-                          (temporary / "ovalto-rewrite-empty.m3u8").string(); // read, as it cannot be mapped
+    // An empty file is read, as it cannot be mapped.
+    const std::string page = temporary / "ovalto-rewrite-page.html",
+                      empty = temporary / "ovalto-rewrite-empty.m3u8";
     std::ofstream(page) << "<html><body>Moved</body></html>\n";
     std::ofstream{empty};
     const char* const notHls = "this is not an HLS playlist: it does not begin with #EXT";
@@ -198,16 +196,13 @@ TEST(ToolArgumentsTest, BadUsageAndUnreadableInputSayWhyOnStandardErrorWithTheir
         {"subtitles", {"a.srt"}, 2, "--mime MIME is needed"},
         {"subtitles", {"sample:ass"}, 2, "unknown sample side-car"},
         {"subtitles", {"/nonexistent/a.srt", "--mime", "application/x-subrip"}, 1, "no such file"},
-        {"subtitles",
-         {"/nonexistent/a.ttml", "--mime", "application/nttml+xml"},
-         1,
-         "file:///nonexistent/a.ttml is not valid."},
+        {"subtitles", {"/nonexistent/a.ttml", "--mime", "application/nttml+xml"}, 1, "a.ttml is not valid."},
     };
     for (const auto& [command, args, status, reason] : cases) {
         SCOPED_TRACE(std::string(command) + " " + (args.empty() ? "" : args.back()));
         const auto run = ovalto(command, args);
-        EXPECT_EQ(run.status, status) << run.err;
-        EXPECT_NE(run.err.find(reason), std::string::npos) << run.err;
+        EXPECT_EQ(std::tuple(run.status, run.err.find(reason) != std::string::npos), std::tuple(status, true))
+            << run.err;
         // Only subtitles shows what it read, which is nothing.
         EXPECT_TRUE(run.out.empty() || command == "subtitles"s) << run.out;
     }
@@ -241,13 +236,12 @@ TEST(LiveWindowTest, SlidesOneSegmentPerTargetDurationAndLoopsButLeavesMastersAl
     };
     for (const auto& [elapsed, sequence, segments, discontinuity] : cases) {
         const auto window = tool::Origin::liveWindow(vod, elapsed, 3).value_or("");
-        EXPECT_NE(window.find("#EXT-X-MEDIA-SEQUENCE:" + sequence + "\n"), std::string::npos) << window;
-        EXPECT_EQ(segmentsOf(window), segments) << window;
-        EXPECT_EQ(std::tuple(window.find("#EXT-X-DISCONTINUITY\n") != std::string::npos,
-                             window.find("ENDLIST"), window.find("PLAYLIST-TYPE")),
-                  std::tuple(discontinuity, std::string::npos, std::string::npos))
+        const auto has = [&](const std::string& text) { return window.find(text) != std::string::npos; };
+        EXPECT_EQ(std::tuple(has("#EXT-X-MEDIA-SEQUENCE:" + sequence + "\n"), segmentsOf(window),
+                             has("#EXT-X-DISCONTINUITY\n"), has("ENDLIST"), has("PLAYLIST-TYPE"),
+                             has("#EXT-X-MAP:URI=\"init.mp4\"")),
+                  std::tuple(true, segments, discontinuity, false, false, true))
             << window;
-        EXPECT_NE(window.find("#EXT-X-MAP:URI=\"init.mp4\""), std::string::npos);
     }
     EXPECT_FALSE(tool::Origin::liveWindow("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nv.m3u8\n", 0ms, 3));
     EXPECT_EQ(segmentsOf(tool::Origin::liveWindow("#EXTM3U\n#EXTINF:4,\nonly.ts\n", 0ms, 3).value_or("")),
@@ -281,15 +275,13 @@ TEST(OriginTest, ServesTheSampleWithHlsContentTypesWithoutNagleDelay) {
     client.set_keep_alive(true);
     auto master = client.Get("/master.m3u8");
     ASSERT_TRUE(master);
-    EXPECT_EQ(std::tuple(master->status, master->get_header_value("Content-Type")),
-              std::tuple(200, "application/vnd.apple.mpegurl"));
-    EXPECT_NE(master->body.find("#EXT-X-STREAM-INF"), std::string::npos);
+    EXPECT_EQ(std::tuple(master->status, master->get_header_value("Content-Type"),
+                         master->body.find("#EXT-X-STREAM-INF") != std::string::npos),
+              std::tuple(200, "application/vnd.apple.mpegurl", true));
     // httplib sends headers and body in two writes; with Nagle's algorithm the body of each answer
     // on a kept-alive connection would wait for the client's delayed acknowledgement.
     EXPECT_EQ(noDelayOfAccepted(origin.port()), std::vector<int>{1});
-    auto segment = client.Get("/video/low/seg0.m4s");
-    ASSERT_TRUE(segment);
-    EXPECT_EQ(segment->get_header_value("Content-Type"), "video/iso.segment");
+    EXPECT_EQ(client.Get("/video/low/seg0.m4s")->get_header_value("Content-Type"), "video/iso.segment");
     EXPECT_EQ(client.Get("/missing.m3u8")->status, 404);
     origin.stop();
     EXPECT_EQ(served.load(), 3);
@@ -308,18 +300,16 @@ TEST(OriginTest, LiveModeWindowsMediaPlaylistsAndARestartedOriginContinuesTheStr
         EXPECT_TRUE(master && master->body.find("video/high/media.m3u8") != std::string::npos);
         auto media = client.Get("/video/low/media.m3u8");
         if (!media) return -1L;
-        EXPECT_EQ(media->get_header_value("Content-Type"), "application/vnd.apple.mpegurl");
-        EXPECT_EQ(media->body.find("#EXT-X-ENDLIST"), std::string::npos);
-        EXPECT_EQ(segmentsOf(media->body).size(), 3u);
+        EXPECT_EQ(std::tuple(media->get_header_value("Content-Type"), media->body.find("#EXT-X-ENDLIST"),
+                             segmentsOf(media->body).size()),
+                  std::tuple("application/vnd.apple.mpegurl", std::string::npos, 3u));
         const auto at = media->body.find("#EXT-X-MEDIA-SEQUENCE:");
         return at == std::string::npos ? -1L : std::atol(media->body.c_str() + at + 22);
     };
-    const long before = mediaSequence();
-    const long after = mediaSequence();
+    const long before = mediaSequence(), after = mediaSequence();
     EXPECT_GT(before, 100); // an hour into the stream, not at its start
     // The second origin's window starts where the first one's was, or a segment later.
-    EXPECT_GE(after, before);
-    EXPECT_LE(after, before + 1);
+    EXPECT_TRUE(after == before || after == before + 1) << before << " then " << after;
 }
 
 // MARK: - serve
@@ -408,13 +398,12 @@ TEST(SoakMonitorTest, JudgesGrowthAfterTheWarmUp) {
 
 TEST(SoakMonitorTest, MeasuresThisProcess) {
     const auto before = tool::SoakMonitor::measure(0, 0, 0);
-    FILE* extra = std::fopen("/proc/self/status", "r");
-    ASSERT_NE(extra, nullptr);
+    std::ifstream extra("/proc/self/status");
     const auto after = tool::SoakMonitor::measure(0, 0, 0);
-    std::fclose(extra);
-    EXPECT_EQ(std::tuple(before.rssBytes > 0, before.threads >= 1, after.descriptors),
-              std::tuple(true, true, before.descriptors + 1));
-    EXPECT_NE(before.threadNames.find(" test_tools"), std::string::npos) << before.threadNames;
+    EXPECT_EQ(std::tuple(before.rssBytes > 0, before.threads >= 1, after.descriptors,
+                         before.threadNames.find(" test_tools") != std::string::npos),
+              std::tuple(true, true, before.descriptors + 1, true))
+        << before.threadNames;
 }
 
 // MARK: - play against an origin that misbehaves: the tool ends with the engine's verdict as soon
@@ -493,10 +482,10 @@ TEST(PlayFaultTest, EndsWithTheEnginesErrorAsSoonAsPreparationFails) {
             origin.script("/v/media.m3u8", {{.fault = Fault::raw, .raw = c.mediaAnswer}}, "GET");
 
         const JsonRun play(origin.url("/master.m3u8"));
-        EXPECT_EQ(play.run.status, 1) << play.run.err;
-        EXPECT_EQ(play.notJson, Args{});
-        EXPECT_EQ(play.error.value("code", 0), c.code) << play.error.dump() << play.run.err;
-        EXPECT_TRUE(play.error.value("message", "").starts_with("AVURLAsset is not ")) << play.error.dump();
+        EXPECT_EQ(std::tuple(play.run.status, play.notJson, play.error.value("code", 0),
+                             play.error.value("message", "").starts_with("AVURLAsset is not ")),
+                  std::tuple(1, Args{}, c.code, true))
+            << play.error.dump() << play.run.err;
     }
 }
 
@@ -507,10 +496,10 @@ TEST(PlayFaultTest, WithJsonTheLibrarysPrintsGoToStandardError) {
     origin.script("/master.m3u8", {{405}}, "HEAD");
     origin.script("/master.m3u8", {{503}}, "GET");
     const JsonRun play(origin.url("/master.m3u8"));
-    EXPECT_EQ(play.run.status, 1);
-    EXPECT_EQ(play.notJson, Args{});
-    EXPECT_NE(play.run.err.find("405\n"), std::string::npos) << play.run.err;
-    EXPECT_EQ(play.error.value("code", 0), 0x8201);
+    EXPECT_EQ(std::tuple(play.run.status, play.notJson, play.run.err.find("405\n") != std::string::npos,
+                         play.error.value("code", 0)),
+              std::tuple(1, Args{}, true, 0x8201))
+        << play.run.err;
 }
 
 // MARK: - bridge: real HLS players (ffmpeg, mpv, GStreamer) on the built-in sample served by one
@@ -521,24 +510,19 @@ bool installed(const std::string& program) {
     return std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) == 0;
 }
 
-std::string contentOf(const std::filesystem::path& path) {
-    return tool::readFile(path.string()).value_or("");
-}
-
 // Duration in seconds of a media file, as ffprobe reads it; 0 when it cannot.
 double durationOf(const std::filesystem::path& path) {
     const auto out = path.string() + ".duration";
     std::system(("ffprobe -v error -show_entries format=duration -of csv=p=0 '" + path.string() + "' > '" +
                  out + "' 2>/dev/null")
                     .c_str());
-    return std::atof(contentOf(out).c_str());
+    return std::atof(tool::readFile(out).value_or("").c_str());
 }
 
 // How many requests `origin` answered whose path ends with `suffix`.
 int count(const tool::Origin& origin, const std::string& suffix) {
-    const auto all = origin.requests();
-    return static_cast<int>(std::count_if(
-        all.begin(), all.end(), [&](const tool::Origin::Exchange& e) { return e.path.ends_with(suffix); }));
+    return static_cast<int>(
+        std::ranges::count_if(origin.requests(), [&](const auto& e) { return e.path.ends_with(suffix); }));
 }
 
 // In `command`, {} is the master URL and {out} a file in the test's directory; `logged` is a text
@@ -572,14 +556,14 @@ TEST_P(RealClientTest, PlaysThroughTheBridgeFromTheChosenEdge) {
     if (row.logged.empty())
         EXPECT_NEAR(durationOf(directory / "out.mp4"), 12.0, 0.5);
     else
-        EXPECT_NE(contentOf(directory / "out.log").find(row.logged), std::string::npos);
+        EXPECT_NE(tool::readFile(directory / "out.log").value_or("").find(row.logged), std::string::npos);
     // Segments from the edge only; the origin served the playlists (to the library) and the
     // initialisation sections, which are never moved.
-    EXPECT_GT(count(edge, ".m4s"), 0);
-    EXPECT_EQ(std::tuple(count(origin, ".m4s"), count(edge, ".m3u8")), std::tuple(0, 0));
-    EXPECT_GT(count(origin, ".m3u8"), 0);
-    EXPECT_NE(timeline.find("manifest request"), std::string::npos);
-    EXPECT_NE(timeline.find("GET /cplp/local/master.m3u8 20"), std::string::npos);
+    EXPECT_EQ(std::tuple(count(edge, ".m4s") > 0, count(origin, ".m4s"), count(edge, ".m3u8"),
+                         count(origin, ".m3u8") > 0, timeline.find("manifest request") != std::string::npos,
+                         timeline.find("GET /cplp/local/master.m3u8 20") != std::string::npos),
+              std::tuple(true, 0, 0, true, true, true))
+        << timeline;
     std::filesystem::remove_all(directory);
 }
 
