@@ -114,8 +114,7 @@ TEST(ThroughLoaderTest, PrintsEachRequestWithItsAnswer) {
     std::size_t at = 0;
     for (const auto& text : inOrder) {
         const auto found = run.out.find(text, at);
-        ASSERT_NE(found, std::string::npos) << "missing after offset " << at << ": " << text << "\n"
-                                            << run.out;
+        ASSERT_NE(found, std::string::npos) << "missing after " << at << ": " << text << "\n" << run.out;
         at = found + text.size();
     }
     EXPECT_EQ(run.out.find("rdtp://local/0/800000/10.ts\n<"), std::string::npos) << "three segments only";
@@ -318,15 +317,9 @@ TEST(OriginTest, LiveModeWindowsMediaPlaylistsAndARestartedOriginContinuesTheStr
 TEST(ServeCommandTest, ScriptedOutageDropsTheOriginAndBringsItBack) {
     const int port = [] { return test::TestOrigin().port(); }(); // free again once that origin is gone
     CommandRun run;
-    pthread_t serving{};
-    std::atomic<bool> started{false};
     std::thread server([&] {
-        serving = pthread_self();
-        started = true;
         run = ovalto("serve", {"--port", std::to_string(port), "--quiet", "--outage", "0.2+1.5"});
     });
-    while (!started)
-        std::this_thread::yield();
 
     // Down (a connection accepted and dropped, not refused as before the start), then up again:
     // seen in that order, whatever the machine's pace.
@@ -341,7 +334,7 @@ TEST(ServeCommandTest, ScriptedOutageDropsTheOriginAndBringsItBack) {
         backUp = sawDown && answer && answer->status == 200;
         std::this_thread::sleep_for(20ms);
     }
-    pthread_kill(serving, SIGTERM);
+    pthread_kill(server.native_handle(), SIGTERM);
     server.join();
     EXPECT_EQ(std::tuple(sawDown, backUp, run.status), std::tuple(true, true, 0));
     EXPECT_NE(run.err.find("outage for 1.5 s"), std::string::npos) << run.err;
@@ -353,9 +346,8 @@ TEST(ServeCommandTest, ATakenPortIsRefusedNotShared) {
     CommandRun run;
     // On a thread of its own: serve blocks the stop signals of the thread it runs on.
     std::thread([&] { run = ovalto("serve", {"--port", std::to_string(first.port()), "--quiet"}); }).join();
-    EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.err.find("cannot listen on 127.0.0.1:" + std::to_string(first.port())), std::string::npos)
-        << run.err;
+    const auto why = "cannot listen on 127.0.0.1:" + std::to_string(first.port());
+    EXPECT_EQ(std::tuple(run.status, run.err.find(why) != std::string::npos), std::tuple(1, true)) << run.err;
 }
 
 // MARK: - soak: memory may settle during the first minute, then stay within its allowance;
@@ -392,8 +384,9 @@ TEST(SoakMonitorTest, JudgesGrowthAfterTheWarmUp) {
             monitor.add({seconds, static_cast<std::int64_t>(rss * MB), descriptors, threads, 0, 0, {}});
         }
         const std::string failure = monitor.failure().value_or("");
-        EXPECT_EQ(failure.empty(), expected.empty()) << failure;
-        EXPECT_NE(failure.find(expected), std::string::npos) << failure;
+        EXPECT_EQ(std::tuple(failure.empty(), failure.find(expected) != std::string::npos),
+                  std::tuple(expected.empty(), true))
+            << failure;
     }
 }
 
@@ -507,10 +500,6 @@ TEST(PlayFaultTest, WithJsonTheLibrarysPrintsGoToStandardError) {
 // loopback origin with a second one as the edge: the segments must come from the edge the library
 // chose, the playlists from the origin through the library's listener.
 
-bool installed(const std::string& program) {
-    return std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) == 0;
-}
-
 // Duration in seconds of a media file, as ffprobe reads it; 0 when it cannot.
 double durationOf(const std::filesystem::path& path) {
     const auto out = path.string() + ".duration";
@@ -537,7 +526,8 @@ class RealClientTest : public ::testing::TestWithParam<ClientRow> {};
 
 TEST_P(RealClientTest, PlaysThroughTheBridgeFromTheChosenEdge) {
     const auto& row = GetParam();
-    if (!installed(row.program)) GTEST_SKIP() << row.program << " is not installed (./ovalto.sh setup)";
+    if (std::system(("command -v "s + row.program + " >/dev/null 2>&1").c_str()) != 0)
+        GTEST_SKIP() << row.program << " is not installed (./ovalto.sh setup)";
     const auto directory = std::filesystem::temp_directory_path() /
                            ("ovalto-client-" + std::to_string(::getpid()) + "-" + row.program);
     std::filesystem::create_directories(directory);

@@ -32,6 +32,7 @@ using namespace ovalto;
 using namespace std::chrono_literals;
 using platform::Data;
 using platform::Error;
+using platform::Url;
 using tool::LicenseServer;
 
 namespace {
@@ -62,7 +63,7 @@ struct KeyAnswer {
 };
 
 std::shared_ptr<platform::LoadingRequest> keyRequest(const std::string& url, KeyAnswer& answer) {
-    return platform::LoadingRequest::create(platform::UrlRequest(*platform::Url::parse(url)),
+    return platform::LoadingRequest::create(platform::UrlRequest(*Url::parse(url)),
                                             {.contentInformationRequest = true},
                                             [&answer](const platform::LoadingOutcome& outcome) {
                                                 ++answer.finishes;
@@ -89,7 +90,7 @@ protected:
         Ovalto::deleteLicense("abc123");
         ASSERT_TRUE(server.start());
         certificates.serve("/app.cer", identity().certificatePem(), "application/x-x509-ca-cert");
-        configurations[ConfigurationKey::licenseServerUrl] = *platform::Url::parse(server.url());
+        configurations[ConfigurationKey::licenseServerUrl] = *Url::parse(server.url());
     }
     void TearDown() override {
         Ovalto::deleteLicense("abc123");
@@ -124,18 +125,17 @@ protected:
 };
 
 TEST_F(LicenseTest, CertificateComesFromDataBeforeUrlAndFailsClearly) {
-    const auto url = *platform::Url::parse(certificates.url("/app.cer"));
-    const auto missing = *platform::Url::parse(certificates.url("/missing.cer"));
+    const auto url = *Url::parse(certificates.url("/app.cer"));
+    const auto missing = *Url::parse(certificates.url("/missing.cer"));
     // what, certificate data, URL, reads of the URL, what comes out of the answer (empty: the request
     // fails), code of the error (-1: no error, or not one of ours)
-    const std::tuple<const char*, std::optional<Data>, std::optional<platform::Url>, int, std::string, int>
-        rows[] = {
-            {"data wins over the URL", identity().certificatePem(), missing, 0, "demo", -1},
-            {"URL when there is no data", std::nullopt, url, 1, "demo", -1},
-            {"neither", std::nullopt, std::nullopt, 0, "", 0x8600},
-            {"data that is no certificate", Data("not a certificate"), url, 0, "", -1},
-            {"URL that is not there", std::nullopt, missing, 0, "", -1},
-        };
+    const std::tuple<const char*, std::optional<Data>, std::optional<Url>, int, std::string, int> rows[] = {
+        {"data wins over the URL", identity().certificatePem(), missing, 0, "demo", -1},
+        {"URL when there is no data", std::nullopt, url, 1, "demo", -1},
+        {"neither", std::nullopt, std::nullopt, 0, "", 0x8600},
+        {"data that is no certificate", Data("not a certificate"), url, 0, "", -1},
+        {"URL that is not there", std::nullopt, missing, 0, "", -1},
+    };
     for (const auto& [what, data, url, urlReads, key, code] : rows) {
         SCOPED_TRACE(what);
         const int readsBefore = certificates.requestCount("/app.cer");
@@ -170,7 +170,7 @@ TEST_F(LicenseTest, AnswersOfTheServerBecomeAKeyOrTheErrorTheyDeserve) {
         LicenseServer faulty(
             identity(), {.keys = {{"abc123", demoKey}}, .wrap = wrap, .fault = fault, .faultStatus = status});
         ASSERT_TRUE(faulty.start());
-        configurations[ConfigurationKey::licenseServerUrl] = *platform::Url::parse(faulty.url());
+        configurations[ConfigurationKey::licenseServerUrl] = *Url::parse(faulty.url());
         const auto answer = playbackKey();
         // Never retried; no content type on the licence path.
         const Error error = answer.outcome.error.value_or(Error{});
@@ -306,13 +306,13 @@ TEST_F(LicenseTest, ProtectedStreamPlaysOnlyWithTheRightKey) {
         ASSERT_TRUE(licences.start());
         auto facade = Ovalto::create();
         facade->configurations = configurations;
-        facade->configurations[ConfigurationKey::licenseServerUrl] = *platform::Url::parse(licences.url());
+        facade->configurations[ConfigurationKey::licenseServerUrl] = *Url::parse(licences.url());
 
         std::atomic<bool> prepared{false}, ended{false}, failed{false};
         auto& center = platform::NotificationCenter::defaultCenter();
         auto token = center.addObserver(OvaltoPreparationNotification, facade,
                                         [&](const platform::Notification&) { prepared = true; });
-        facade->prepare(*platform::Url::parse(origin.url("/p/media.m3u8")));
+        facade->prepare(*Url::parse(origin.url("/p/media.m3u8")));
         ASSERT_TRUE(test::runMainUntil([&] { return prepared.load(); }, 30s));
         center.removeObserver(token);
         auto item = facade->playerItem();
