@@ -34,6 +34,7 @@ using platform::Data;
 using platform::Error;
 using platform::Url;
 using tool::LicenseServer;
+using Fault = LicenseServer::Fault;
 
 namespace {
 
@@ -151,7 +152,6 @@ TEST_F(LicenseTest, CertificateComesFromDataBeforeUrlAndFailsClearly) {
 }
 
 TEST_F(LicenseTest, AnswersOfTheServerBecomeAKeyOrTheErrorTheyDeserve) {
-    using Fault = LicenseServer::Fault;
     // what, ckc wrapping, fault, its status, error domain of the key request (empty: it succeeds),
     // code of that error (-1: not one of ours), what comes out of the answer (empty: the request fails)
     const std::tuple<const char*, bool, Fault, int, std::string, int, std::string> rows[] = {
@@ -235,7 +235,7 @@ TEST_F(LicenseTest, StoredKeyIsAnsweredWithoutTheNetworkUntilDeleted) {
 TEST_F(LicenseTest, DelegateBelowElevenAnswersTheRequestOnceAndReportsFailures) {
     platform::Device::setSystemVersion("10.3");
     auto delegate = keyLoader();
-    server.setFault(LicenseServer::Fault::empty);
+    server.setFault(Fault::empty);
     KeyAnswer empty, invalid, old;
     EXPECT_FALSE(
         delegate->shouldWaitForLoadingOfRequestedResource(*loader, keyRequest("skd://abc123", empty)));
@@ -289,7 +289,6 @@ TEST_F(LicenseTest, ProtectedStreamPlaysOnlyWithTheRightKey) {
     }
     platform::ContentKey wrong = demoKey;
     wrong.key[3] ^= 0x20;
-    using Fault = LicenseServer::Fault;
     // what, the server's key, its fault, key stored first, plays, licence exchanges, error domain of
     // the item's last error-log entry
     const std::tuple<const char*, platform::ContentKey, Fault, bool, bool, unsigned, std::string> rows[] = {
