@@ -50,10 +50,10 @@ CommandRun ovalto(const std::string& command, const Args& args) {
     return {status, streams.out(), streams.err()};
 }
 
-const std::filesystem::path playlists = std::filesystem::path(OVALTO_TEST_DATA) / "playlists";
+const std::string playlists = OVALTO_TEST_DATA "/playlists/";
 
 std::string playlist(const std::string& name) {
-    return *tool::readFile((playlists / name).string());
+    return *tool::readFile(playlists + name);
 }
 
 // MARK: - rewrite
@@ -62,23 +62,22 @@ TEST(RewriteCommandTest, PrintsWhatThePlayerReceivesForAFileOrAUrl) {
     test::TestOrigin server;
     server.serve("/show/master.m3u8", playlist("master_multi_audio_subtitles.m3u8"));
     const std::pair<Args, std::string> rows[] = {
-        {{(playlists / "master_packager_absolute.m3u8").string()}, "master_packager_absolute.expected"},
-        {{(playlists / "media_vod_fmp4_fairplay.m3u8").string(), "--stream", "1", "--bitrate", "800000"},
+        {{playlists + "master_packager_absolute.m3u8"}, "master_packager_absolute.expected"},
+        {{playlists + "media_vod_fmp4_fairplay.m3u8", "--stream", "1", "--bitrate", "800000"},
          "media_vod_fmp4_fairplay.expected"},
-        {{server.url("/show/master.m3u8")},
-         "master_multi_audio_subtitles.expected"}, // resolved against the URL
+        // resolved against the URL
+        {{server.url("/show/master.m3u8")}, "master_multi_audio_subtitles.expected"},
     };
     for (const auto& [args, expected] : rows)
         EXPECT_EQ(ovalto("rewrite", args), (CommandRun{0, playlist(expected), ""}));
-    const auto defaults = ovalto("rewrite", {(playlists / "media_live_ts_aes.m3u8").string()});
+    const auto defaults = ovalto("rewrite", {playlists + "media_live_ts_aes.m3u8"});
     EXPECT_NE(defaults.out.find("\nrdtp://local/0/1500000/4521.ts\n"), std::string::npos) << defaults.out;
 
     const auto gone = ovalto("rewrite", {server.url("/show/gone.m3u8")});
     const auto why =
         "cannot download " + server.url("/show/gone.m3u8") + ": the server answered HTTP status 404";
-    EXPECT_EQ(std::tuple(gone.status, gone.out, gone.err.find(why) != std::string::npos),
-              std::tuple(1, "", true))
-        << gone.err;
+    EXPECT_EQ(std::tuple(gone.status, gone.out), std::tuple(1, ""));
+    EXPECT_NE(gone.err.find(why), std::string::npos) << gone.err;
 }
 
 TEST(RewriteCommandTest, ShowsTheLibrarysWarningsBesideTheResult) {
@@ -167,7 +166,7 @@ TEST(ToolArgumentsTest, BadUsageAndUnreadableInputSayWhyOnStandardErrorWithTheir
         {"rewrite", {page}, 1, notHls},
         {"rewrite", {empty}, 1, notHls},
         {"rewrite",
-         {(playlists / "media_unreadable_duration.m3u8").string()},
+         {playlists + "media_unreadable_duration.m3u8"},
          1,
          "the library refuses to write this media playlist: The fragment duration is REQUIRED.\n"},
         {"rewrite", {stream}, 1, "ovalto rewrite: cannot download " + stream},

@@ -87,7 +87,6 @@ class LicenseTest : public ::testing::Test {
 protected:
     void SetUp() override {
         Ovalto::logLevel = OVALogLevel::silent;
-        platform::Device::setSystemVersion("");
         Ovalto::deleteLicense("abc123");
         ASSERT_TRUE(server.start());
         certificates.serve("/app.cer", identity().certificatePem(), "application/x-x509-ca-cert");
@@ -126,8 +125,8 @@ protected:
 };
 
 TEST_F(LicenseTest, CertificateComesFromDataBeforeUrlAndFailsClearly) {
-    const auto url = *Url::parse(certificates.url("/app.cer"));
-    const auto missing = *Url::parse(certificates.url("/missing.cer"));
+    const auto url = *Url::parse(certificates.url("/app.cer")),
+               missing = *Url::parse(certificates.url("/no.cer"));
     // what, certificate data, URL, reads of the URL, what comes out of the answer (empty: the request
     // fails), code of the error (-1: no error, or not one of ours)
     const std::tuple<const char*, std::optional<Data>, std::optional<Url>, int, std::string, int> rows[] = {
@@ -272,8 +271,6 @@ TEST_F(LicenseTest, DelegateFromElevenStartsOneSessionPerAssetAndStoresItsKey) {
     EXPECT_EQ(std::tuple(first.finishes + second.finishes, reported.size()), std::tuple(0, 0u));
 }
 
-// Drives the main run loop until `done`; a timer keeps the loop checking. The limit only guards
-// against a hang.
 TEST_F(LicenseTest, ProtectedStreamPlaysOnlyWithTheRightKey) {
     test::TestOrigin origin;
     origin.serve("/p/media.m3u8",
