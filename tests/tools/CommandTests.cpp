@@ -334,8 +334,7 @@ TEST(ServeCommandTest, ScriptedOutageDropsTheOriginAndBringsItBack) {
     pthread_kill(server.native_handle(), SIGTERM);
     server.join();
     EXPECT_EQ(std::tuple(sawDown, backUp, run.status), std::tuple(true, true, 0));
-    EXPECT_NE(run.err.find("outage for 1.5 s"), std::string::npos) << run.err;
-    EXPECT_LT(run.err.find("outage for"), run.err.find("outage over")) << run.err;
+    EXPECT_LT(run.err.find("outage for 1.5 s"), run.err.find("outage over")) << run.err;
 }
 
 TEST(ServeCommandTest, ATakenPortIsRefusedNotShared) {
@@ -374,10 +373,9 @@ TEST(SoakMonitorTest, JudgesGrowthAfterTheWarmUp) {
         std::istringstream in(samples);
         for (std::string sample; in >> sample;) {
             double seconds = 0, rss = 0;
-            int descriptors = 0, threads = 0;
-            ASSERT_EQ(std::sscanf(sample.c_str(), "%lf:%lf:%d:%d", &seconds, &rss, &descriptors, &threads),
-                      4);
-            monitor.add({seconds, static_cast<std::int64_t>(rss * MB), descriptors, threads, 0, 0, {}});
+            int files = 0, threads = 0;
+            ASSERT_EQ(std::sscanf(sample.c_str(), "%lf:%lf:%d:%d", &seconds, &rss, &files, &threads), 4);
+            monitor.add({seconds, static_cast<std::int64_t>(rss * MB), files, threads, 0, 0, {}});
         }
         const std::string failure = monitor.failure().value_or("");
         EXPECT_EQ(std::tuple(failure.empty(), failure.find(expected) != std::string::npos),
