@@ -393,8 +393,7 @@ struct ItemWatcher {
 // requests with key bytes. Answers are given from the global queue, as resources do. Requests
 // whose URL ends with `failSuffix` are finished with `error`, those ending with `silentSuffix`
 // taken on and never finished (both set before the first request).
-class TestDelegate : public ResourceLoaderDelegate, public std::enable_shared_from_this<TestDelegate> {
-public:
+struct TestDelegate : ResourceLoaderDelegate, std::enable_shared_from_this<TestDelegate> {
     explicit TestDelegate(std::shared_ptr<const HlsOrigin> origin)
         : origin_(std::move(origin)) {}
 
@@ -420,8 +419,6 @@ public:
         std::lock_guard lock(mutex_);
         return requests_;
     }
-
-private:
     void answer(LoadingRequest& request, const Url& url) {
         const std::string path = url.path();
         if (url.scheme() == "skd") {
@@ -550,29 +547,26 @@ v/2000000.m3u8
     ASSERT_EQ(loadPlayable(selection).status, KeyValueStatus::loaded);
     ASSERT_TRUE(selection->isPlayable());
 
-    using Strings = std::vector<std::string>;
     const struct {
         MediaCharacteristic characteristic;
-        Strings titles, mediaTypes;
+        std::vector<std::string> options; // title and media type of each
         std::optional<std::string> defaultOption;
     } cases[] = {
-        {MediaCharacteristic::audible, {"English", "Japanese"}, {"audio", "audio"}, "English"},
-        {MediaCharacteristic::legible, {"English", "CC1"}, {"subtitles", "closedCaptions"}, std::nullopt},
-        {MediaCharacteristic::visual, {"800000", "2000000"}, {"video", "video"}, "2000000"},
+        {MediaCharacteristic::audible, {"English audio", "Japanese audio"}, "English"},
+        {MediaCharacteristic::legible, {"English subtitles", "CC1 closedCaptions"}, std::nullopt},
+        {MediaCharacteristic::visual, {"800000 video", "2000000 video"}, "2000000"},
     };
     for (const auto& c : cases) {
         const auto group = selection->mediaSelectionGroup(c.characteristic);
         ASSERT_TRUE(group);
-        Strings titles, mediaTypes;
-        for (const auto& option : group->options) {
-            mediaTypes.push_back(option.mediaType);
+        std::vector<std::string> options;
+        for (const auto& option : group->options)
             for (const auto& item : option.commonMetadata)
-                if (item.commonKey == "title" && item.stringValue) titles.push_back(*item.stringValue);
-        }
-        EXPECT_EQ(std::tuple(titles, mediaTypes,
-                             group->defaultOption ? std::optional(group->defaultOption->displayName)
-                                                  : std::nullopt),
-                  std::tuple(c.titles, c.mediaTypes, c.defaultOption));
+                if (item.commonKey == "title")
+                    options.push_back(item.stringValue.value_or("") + " " + option.mediaType);
+        EXPECT_EQ(std::tuple(options, group->defaultOption ? std::optional(group->defaultOption->displayName)
+                                                           : std::nullopt),
+                  std::tuple(c.options, c.defaultOption));
     }
     EXPECT_EQ(selection->mediaSelectionGroup(MediaCharacteristic::audible)->options[1].extendedLanguageTag,
               "ja");
