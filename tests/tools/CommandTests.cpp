@@ -50,10 +50,10 @@ CommandRun ovalto(const std::string& command, const Args& args) {
     return {status, streams.out(), streams.err()};
 }
 
-const std::filesystem::path playlists = std::filesystem::path(OVALTO_TEST_DATA) / "playlists";
+const std::string playlists = OVALTO_TEST_DATA "/playlists/";
 
 std::string playlist(const std::string& name) {
-    return *tool::readFile((playlists / name).string());
+    return *tool::readFile(playlists + name);
 }
 
 // MARK: - rewrite
@@ -62,32 +62,31 @@ TEST(RewriteCommandTest, PrintsWhatThePlayerReceivesForAFileOrAUrl) {
     test::TestOrigin server;
     server.serve("/show/master.m3u8", playlist("master_multi_audio_subtitles.m3u8"));
     const std::pair<Args, std::string> rows[] = {
-        {{(playlists / "master_packager_absolute.m3u8").string()}, "master_packager_absolute.expected"},
-        {{(playlists / "media_vod_fmp4_fairplay.m3u8").string(), "--stream", "1", "--bitrate", "800000"},
+        {{playlists + "master_packager_absolute.m3u8"}, "master_packager_absolute.expected"},
+        {{playlists + "media_vod_fmp4_fairplay.m3u8", "--stream", "1", "--bitrate", "800000"},
          "media_vod_fmp4_fairplay.expected"},
-        {{server.url("/show/master.m3u8")},
-         "master_multi_audio_subtitles.expected"}, // resolved against the URL
+        // resolved against the URL
+        {{server.url("/show/master.m3u8")}, "master_multi_audio_subtitles.expected"},
     };
     for (const auto& [args, expected] : rows)
         EXPECT_EQ(ovalto("rewrite", args), (CommandRun{0, playlist(expected), ""}));
-    const auto defaults = ovalto("rewrite", {(playlists / "media_live_ts_aes.m3u8").string()});
+    const auto defaults = ovalto("rewrite", {playlists + "media_live_ts_aes.m3u8"});
     EXPECT_NE(defaults.out.find("\nrdtp://local/0/1500000/4521.ts\n"), std::string::npos) << defaults.out;
 
     const auto gone = ovalto("rewrite", {server.url("/show/gone.m3u8")});
+    const auto why =
+        "cannot download " + server.url("/show/gone.m3u8") + ": the server answered HTTP status 404";
     EXPECT_EQ(std::tuple(gone.status, gone.out), std::tuple(1, ""));
-    EXPECT_NE(gone.err.find("cannot download " + server.url("/show/gone.m3u8")), std::string::npos)
-        << gone.err;
-    EXPECT_NE(gone.err.find("the server answered HTTP status 404"), std::string::npos) << gone.err;
+    EXPECT_NE(gone.err.find(why), std::string::npos) << gone.err;
 }
 
 TEST(RewriteCommandTest, ShowsTheLibrarysWarningsBesideTheResult) {
     const auto rewritten = tool::rewritePlayList("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=fast\nv.m3u8\n",
                                                  *platform::Url::parse("http://h/master.m3u8"), 0, 0);
-    EXPECT_TRUE(rewritten.isMaster);
-    EXPECT_EQ(rewritten.playList,
-              "#EXTM3U\n#EXT-X-VERSION:7\n#EXT-X-STREAM-INF:BANDWIDTH=fast\n0/1500000/media.m3u8");
-    EXPECT_EQ(rewritten.warnings,
-              Args{"BANDWIDTH=fast is not a 32-bit decimal integer; the variant is keyed 1500000."});
+    EXPECT_EQ(
+        std::tuple(rewritten.isMaster, rewritten.playList, rewritten.warnings),
+        std::tuple(true, "#EXTM3U\n#EXT-X-VERSION:7\n#EXT-X-STREAM-INF:BANDWIDTH=fast\n0/1500000/media.m3u8",
+                   Args{"BANDWIDTH=fast is not a 32-bit decimal integer; the variant is keyed 1500000."}));
 }
 
 // MARK: - rewrite --through-loader: the answers a player gets from the resource loader
@@ -114,8 +113,7 @@ TEST(ThroughLoaderTest, PrintsEachRequestWithItsAnswer) {
     std::size_t at = 0;
     for (const auto& text : inOrder) {
         const auto found = run.out.find(text, at);
-        ASSERT_NE(found, std::string::npos) << "missing after offset " << at << ": " << text << "\n"
-                                            << run.out;
+        ASSERT_NE(found, std::string::npos) << "missing after " << at << ": " << text << "\n" << run.out;
         at = found + text.size();
     }
     EXPECT_EQ(run.out.find("rdtp://local/0/800000/10.ts\n<"), std::string::npos) << "three segments only";
@@ -125,11 +123,11 @@ TEST(ThroughLoaderTest, MasterFailureExitsNonZeroWithTheError) {
     test::TestOrigin origin;
     origin.script("/gone/master.m3u8", {{503}});
     const auto run = ovalto("rewrite", {"--through-loader", origin.url("/gone/master.m3u8")});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.out.find("> cplp://local/master.m3u8\n< error 503: PlayList response is not valid.\n"),
-              std::string::npos)
+    const auto answer =
+        run.out.find("> cplp://local/master.m3u8\n< error 503: PlayList response is not valid.\n");
+    EXPECT_EQ(std::tuple(run.status, answer != std::string::npos, origin.requestCount("/gone/master.m3u8")),
+              std::tuple(1, true, 4))
         << run.out;
-    EXPECT_EQ(origin.requestCount("/gone/master.m3u8"), 4);
 }
 
 // MARK: - subtitles: the tables of a side-car document as JSON
@@ -138,48 +136,37 @@ TEST(SubtitlesCommandTest, JsonHoldsBothTablesWithDecimalKeys) {
     const auto srt = ovalto("subtitles", {"sample:srt", "--json"});
     ASSERT_EQ(srt.status, 0) << srt.err;
     const auto json = nlohmann::json::parse(srt.out);
-    ASSERT_EQ(json.size(), 2u);
-    EXPECT_EQ(json["texts"].size(), 12u);
-    EXPECT_EQ(json["texts"]["200"], "Cue 2: the pattern at 2 seconds");
-    EXPECT_EQ(json["texts"]["300"], "");
-    EXPECT_EQ(json["cues"]["200"], (nlohmann::json{{"startTimeMs", 2000},
-                                                   {"endTimeMs", 3000},
-                                                   {"setting", nullptr},
-                                                   {"payload", "Cue 2: the pattern at 2 seconds"}}));
+    const auto cue =
+        R"({"startTimeMs":2000,"endTimeMs":3000,"setting":null,"payload":"Cue 2: the pattern at 2 seconds"})";
+    EXPECT_EQ(std::tuple(json.size(), json["texts"].size(), json["texts"]["200"], json["texts"]["300"],
+                         json["cues"]["200"]),
+              std::tuple(2u, 12u, "Cue 2: the pattern at 2 seconds", "", nlohmann::json::parse(cue)));
     // The WebVTT twin prints the same object, the cue-point document texts only.
     EXPECT_EQ(ovalto("subtitles", {"sample:vtt", "--json"}).out, srt.out);
     const auto ttml = nlohmann::json::parse(
         ovalto("subtitles", {"sample:ttml", "--mime", "application/xml+nttml", "--json"}).out);
-    EXPECT_EQ(ttml["texts"].size(), 12u);
-    EXPECT_TRUE(ttml["cues"].empty());
+    EXPECT_EQ(std::tuple(ttml["texts"].size(), ttml["cues"].empty()), std::tuple(12u, true));
 }
 
 // MARK: - Bad usage and failures of every command
 
 TEST(ToolArgumentsTest, BadUsageAndUnreadableInputSayWhyOnStandardErrorWithTheirExitStatus) {
     const auto temporary = std::filesystem::temp_directory_path();
-    const std::string page = (temporary / "ovalto-rewrite-page.html").string(),
-                      empty =
-                          (temporary / "ovalto-rewrite-empty.m3u8").string(); // read, as it cannot be mapped
+    // An empty file is read, as it cannot be mapped.
+    const std::string page = temporary / "ovalto-rewrite-page.html",
+                      empty = temporary / "ovalto-rewrite-empty.m3u8";
     std::ofstream(page) << "<html><body>Moved</body></html>\n";
     std::ofstream{empty};
     const char* const notHls = "this is not an HLS playlist: it does not begin with #EXT";
     const char* const outage = "--outage takes AT+LENGTH";
     const std::string stream = "http://127.0.0.1:1/m.m3u8";
-    const struct {
-        const char* command;
-        Args args;
-        int status;
-        std::string reason;
-    } cases[] = {
-        {"rewrite",
-         {"/nonexistent/m.m3u8"},
-         1,
-         "ovalto rewrite: cannot read /nonexistent/m.m3u8: No such file"},
+    // command, arguments, exit status, part of the reason on standard error
+    const std::tuple<const char*, Args, int, std::string> cases[] = {
+        {"rewrite", {"/nonexistent/m.m3u8"}, 1, "ovalto rewrite: cannot read /nonexistent/m.m3u8: No such"},
         {"rewrite", {page}, 1, notHls},
         {"rewrite", {empty}, 1, notHls},
         {"rewrite",
-         {(playlists / "media_unreadable_duration.m3u8").string()},
+         {playlists + "media_unreadable_duration.m3u8"},
          1,
          "the library refuses to write this media playlist: The fragment duration is REQUIRED.\n"},
         {"rewrite", {stream}, 1, "ovalto rewrite: cannot download " + stream},
@@ -208,18 +195,15 @@ TEST(ToolArgumentsTest, BadUsageAndUnreadableInputSayWhyOnStandardErrorWithTheir
         {"subtitles", {"a.srt"}, 2, "--mime MIME is needed"},
         {"subtitles", {"sample:ass"}, 2, "unknown sample side-car"},
         {"subtitles", {"/nonexistent/a.srt", "--mime", "application/x-subrip"}, 1, "no such file"},
-        {"subtitles",
-         {"/nonexistent/a.ttml", "--mime", "application/nttml+xml"},
-         1,
-         "file:///nonexistent/a.ttml is not valid."},
+        {"subtitles", {"/nonexistent/a.ttml", "--mime", "application/nttml+xml"}, 1, "a.ttml is not valid."},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.command) + " " + (c.args.empty() ? "" : c.args.back()));
-        const auto run = ovalto(c.command, c.args);
-        EXPECT_EQ(run.status, c.status) << run.err;
-        EXPECT_NE(run.err.find(c.reason), std::string::npos) << run.err;
+    for (const auto& [command, args, status, reason] : cases) {
+        SCOPED_TRACE(std::string(command) + " " + (args.empty() ? "" : args.back()));
+        const auto run = ovalto(command, args);
+        EXPECT_EQ(std::tuple(run.status, run.err.find(reason) != std::string::npos), std::tuple(status, true))
+            << run.err;
         // Only subtitles shows what it read, which is nothing.
-        EXPECT_TRUE(run.out.empty() || c.command == "subtitles"s) << run.out;
+        EXPECT_TRUE(run.out.empty() || command == "subtitles"s) << run.out;
     }
     std::filesystem::remove(page);
     std::filesystem::remove(empty);
@@ -241,27 +225,22 @@ TEST(LiveWindowTest, SlidesOneSegmentPerTargetDurationAndLoopsButLeavesMastersAl
         "#EXT-X-PLAYLIST-TYPE:VOD\r\n#EXT-X-MAP:URI=\"init.mp4\"\r\n"
         "#EXTINF:2.0,\r\ns0.m4s\r\n#EXTINF:2.0,\r\ns1.m4s\r\n#EXTINF:2.0,\r\ns2.m4s\r\n"
         "#EXTINF:2.0,\r\ns3.m4s\r\n#EXT-X-ENDLIST\r\n";
-    const struct {
-        std::chrono::milliseconds elapsed;
-        std::string sequence;
-        Args segments;
-        bool discontinuity;
-    } cases[] = {
+    // elapsed, media sequence, segments, discontinuity
+    const std::tuple<std::chrono::milliseconds, std::string, Args, bool> cases[] = {
         {0ms, "0", {"s0.m4s", "s1.m4s", "s2.m4s"}, false},
         {1999ms, "0", {"s0.m4s", "s1.m4s", "s2.m4s"}, false},
         {2000ms, "1", {"s1.m4s", "s2.m4s", "s3.m4s"}, false},
         {4000ms, "2", {"s2.m4s", "s3.m4s", "s0.m4s"}, true},
         {16000ms, "8", {"s0.m4s", "s1.m4s", "s2.m4s"}, true},
     };
-    for (const auto& c : cases) {
-        const auto window = tool::Origin::liveWindow(vod, c.elapsed, 3).value_or("");
-        EXPECT_NE(window.find("#EXT-X-MEDIA-SEQUENCE:" + c.sequence + "\n"), std::string::npos) << window;
-        EXPECT_EQ(segmentsOf(window), c.segments) << window;
-        EXPECT_EQ(std::tuple(window.find("#EXT-X-DISCONTINUITY\n") != std::string::npos,
-                             window.find("ENDLIST"), window.find("PLAYLIST-TYPE")),
-                  std::tuple(c.discontinuity, std::string::npos, std::string::npos))
+    for (const auto& [elapsed, sequence, segments, discontinuity] : cases) {
+        const auto window = tool::Origin::liveWindow(vod, elapsed, 3).value_or("");
+        const auto has = [&](const std::string& text) { return window.find(text) != std::string::npos; };
+        EXPECT_EQ(std::tuple(has("#EXT-X-MEDIA-SEQUENCE:" + sequence + "\n"), segmentsOf(window),
+                             has("#EXT-X-DISCONTINUITY\n"), has("ENDLIST"), has("PLAYLIST-TYPE"),
+                             has("#EXT-X-MAP:URI=\"init.mp4\"")),
+                  std::tuple(true, segments, discontinuity, false, false, true))
             << window;
-        EXPECT_NE(window.find("#EXT-X-MAP:URI=\"init.mp4\""), std::string::npos);
     }
     EXPECT_FALSE(tool::Origin::liveWindow("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nv.m3u8\n", 0ms, 3));
     EXPECT_EQ(segmentsOf(tool::Origin::liveWindow("#EXTM3U\n#EXTINF:4,\nonly.ts\n", 0ms, 3).value_or("")),
@@ -295,25 +274,23 @@ TEST(OriginTest, ServesTheSampleWithHlsContentTypesWithoutNagleDelay) {
     client.set_keep_alive(true);
     auto master = client.Get("/master.m3u8");
     ASSERT_TRUE(master);
-    EXPECT_EQ(std::tuple(master->status, master->get_header_value("Content-Type")),
-              std::tuple(200, "application/vnd.apple.mpegurl"));
-    EXPECT_NE(master->body.find("#EXT-X-STREAM-INF"), std::string::npos);
+    EXPECT_EQ(std::tuple(master->status, master->get_header_value("Content-Type"),
+                         master->body.find("#EXT-X-STREAM-INF") != std::string::npos),
+              std::tuple(200, "application/vnd.apple.mpegurl", true));
     // httplib sends headers and body in two writes; with Nagle's algorithm the body of each answer
     // on a kept-alive connection would wait for the client's delayed acknowledgement.
     EXPECT_EQ(noDelayOfAccepted(origin.port()), std::vector<int>{1});
-    auto segment = client.Get("/video/low/seg0.m4s");
-    ASSERT_TRUE(segment);
-    EXPECT_EQ(segment->get_header_value("Content-Type"), "video/iso.segment");
+    EXPECT_EQ(client.Get("/video/low/seg0.m4s")->get_header_value("Content-Type"), "video/iso.segment");
     EXPECT_EQ(client.Get("/missing.m3u8")->status, 404);
     origin.stop();
     EXPECT_EQ(served.load(), 3);
 }
 
 TEST(OriginTest, LiveModeWindowsMediaPlaylistsAndARestartedOriginContinuesTheStream) {
-    tool::Origin::Options options;
-    options.directory = tool::builtInSampleDirectory();
-    options.live = true;
-    options.liveEpoch = std::chrono::system_clock::now() - 1h;
+    const tool::Origin::Options options{.directory = tool::builtInSampleDirectory(),
+                                        .live = true,
+                                        .liveEpoch = std::chrono::system_clock::now() - 1h,
+                                        .onRequest = {}};
     const auto mediaSequence = [&] {
         tool::Origin origin(options);
         EXPECT_TRUE(origin.start());
@@ -322,18 +299,14 @@ TEST(OriginTest, LiveModeWindowsMediaPlaylistsAndARestartedOriginContinuesTheStr
         EXPECT_TRUE(master && master->body.find("video/high/media.m3u8") != std::string::npos);
         auto media = client.Get("/video/low/media.m3u8");
         if (!media) return -1L;
-        EXPECT_EQ(media->get_header_value("Content-Type"), "application/vnd.apple.mpegurl");
-        EXPECT_EQ(media->body.find("#EXT-X-ENDLIST"), std::string::npos);
         EXPECT_EQ(segmentsOf(media->body).size(), 3u);
         const auto at = media->body.find("#EXT-X-MEDIA-SEQUENCE:");
         return at == std::string::npos ? -1L : std::atol(media->body.c_str() + at + 22);
     };
-    const long before = mediaSequence();
-    const long after = mediaSequence();
+    const long before = mediaSequence(), after = mediaSequence();
     EXPECT_GT(before, 100); // an hour into the stream, not at its start
     // The second origin's window starts where the first one's was, or a segment later.
-    EXPECT_GE(after, before);
-    EXPECT_LE(after, before + 1);
+    EXPECT_TRUE(after == before || after == before + 1) << before << " then " << after;
 }
 
 // MARK: - serve
@@ -341,15 +314,9 @@ TEST(OriginTest, LiveModeWindowsMediaPlaylistsAndARestartedOriginContinuesTheStr
 TEST(ServeCommandTest, ScriptedOutageDropsTheOriginAndBringsItBack) {
     const int port = [] { return test::TestOrigin().port(); }(); // free again once that origin is gone
     CommandRun run;
-    pthread_t serving{};
-    std::atomic<bool> started{false};
     std::thread server([&] {
-        serving = pthread_self();
-        started = true;
         run = ovalto("serve", {"--port", std::to_string(port), "--quiet", "--outage", "0.2+1.5"});
     });
-    while (!started)
-        std::this_thread::yield();
 
     // Down (a connection accepted and dropped, not refused as before the start), then up again:
     // seen in that order, whatever the machine's pace.
@@ -364,11 +331,10 @@ TEST(ServeCommandTest, ScriptedOutageDropsTheOriginAndBringsItBack) {
         backUp = sawDown && answer && answer->status == 200;
         std::this_thread::sleep_for(20ms);
     }
-    pthread_kill(serving, SIGTERM);
+    pthread_kill(server.native_handle(), SIGTERM);
     server.join();
     EXPECT_EQ(std::tuple(sawDown, backUp, run.status), std::tuple(true, true, 0));
-    EXPECT_NE(run.err.find("outage for 1.5 s"), std::string::npos) << run.err;
-    EXPECT_LT(run.err.find("outage for"), run.err.find("outage over")) << run.err;
+    EXPECT_LT(run.err.find("outage for 1.5 s"), run.err.find("outage over")) << run.err;
 }
 
 TEST(ServeCommandTest, ATakenPortIsRefusedNotShared) {
@@ -376,9 +342,8 @@ TEST(ServeCommandTest, ATakenPortIsRefusedNotShared) {
     CommandRun run;
     // On a thread of its own: serve blocks the stop signals of the thread it runs on.
     std::thread([&] { run = ovalto("serve", {"--port", std::to_string(first.port()), "--quiet"}); }).join();
-    EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.err.find("cannot listen on 127.0.0.1:" + std::to_string(first.port())), std::string::npos)
-        << run.err;
+    const auto why = "cannot listen on 127.0.0.1:" + std::to_string(first.port());
+    EXPECT_EQ(std::tuple(run.status, run.err.find(why) != std::string::npos), std::tuple(1, true)) << run.err;
 }
 
 // MARK: - soak: memory may settle during the first minute, then stay within its allowance;
@@ -386,53 +351,47 @@ TEST(ServeCommandTest, ATakenPortIsRefusedNotShared) {
 
 TEST(SoakMonitorTest, JudgesGrowthAfterTheWarmUp) {
     constexpr std::int64_t MB = 1 << 20;
-    const struct {
-        const char* name;
-        const char* samples; // "seconds:rss MB:descriptors:threads" each
-        std::string failure; // a word of the failure text; empty: a pass
-    } rows[] = {
-        {"growth during the warm-up is allowed", "0:10:8:8 30:40:9:10 60:40:9:10 120:44:9:10", ""},
-        {"memory beyond the allowance fails", "0:10:8:8 60:40:9:10 90:42:9:10 120:45.5:9:10", "memory"},
-        {"memory that comes back down still counts its peak", "60:40:9:10 90:46:9:10 120:40:9:10", "memory"},
-        {"a descriptor caught in passing is no leak",
+    // what, a word of the failure (empty: a pass), samples as "seconds:rss MB:descriptors:threads"
+    const std::tuple<const char*, std::string, const char*> rows[] = {
+        {"growth during the warm-up is allowed", "", "0:10:8:8 30:40:9:10 60:40:9:10 120:44:9:10"},
+        {"memory beyond the allowance fails", "memory", "0:10:8:8 60:40:9:10 90:42:9:10 120:45.5:9:10"},
+        {"memory that comes back down still counts its peak", "memory", "60:40:9:10 90:46:9:10 120:40:9:10"},
+        {"a descriptor caught in passing is no leak", "",
          "60:40:9:10 70:40:9:10 80:40:8:10 90:40:9:10 100:40:10:10 110:40:9:10 120:40:9:10 130:40:10:10 "
-         "140:40:9:10",
-         ""},
-        {"descriptors that stay up are a leak",
-         "60:40:8:10 70:40:8:10 80:40:8:10 90:40:9:10 100:40:10:10 110:40:9:10", "descriptors"},
-        {"threads that stay up are a leak",
-         "60:40:8:10 70:40:8:10 80:40:8:10 90:40:8:11 100:40:8:11 110:40:8:12", "threads"},
-        {"fewer descriptors and threads are fine", "60:40:9:11 70:40:9:11 80:40:9:11 90:40:8:10 100:40:8:10",
-         ""},
-        {"nothing to judge before the warm-up ends", "0:10:8:8 30:90:20:20", ""},
+         "140:40:9:10"},
+        {"descriptors that stay up are a leak", "descriptors",
+         "60:40:8:10 70:40:8:10 80:40:8:10 90:40:9:10 100:40:10:10 110:40:9:10"},
+        {"threads that stay up are a leak", "threads",
+         "60:40:8:10 70:40:8:10 80:40:8:10 90:40:8:11 100:40:8:11 110:40:8:12"},
+        {"fewer descriptors and threads are fine", "",
+         "60:40:9:11 70:40:9:11 80:40:9:11 90:40:8:10 100:40:8:10"},
+        {"nothing to judge before the warm-up ends", "", "0:10:8:8 30:90:20:20"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto& [what, expected, samples] : rows) {
+        SCOPED_TRACE(what);
         tool::SoakMonitor monitor(60, 5 * MB);
-        std::istringstream samples(row.samples);
-        for (std::string sample; samples >> sample;) {
+        std::istringstream in(samples);
+        for (std::string sample; in >> sample;) {
             double seconds = 0, rss = 0;
-            int descriptors = 0, threads = 0;
-            ASSERT_EQ(std::sscanf(sample.c_str(), "%lf:%lf:%d:%d", &seconds, &rss, &descriptors, &threads),
-                      4);
-            monitor.add({seconds, static_cast<std::int64_t>(rss * MB), descriptors, threads, 0, 0, {}});
+            int files = 0, threads = 0;
+            ASSERT_EQ(std::sscanf(sample.c_str(), "%lf:%lf:%d:%d", &seconds, &rss, &files, &threads), 4);
+            monitor.add({seconds, static_cast<std::int64_t>(rss * MB), files, threads, 0, 0, {}});
         }
         const std::string failure = monitor.failure().value_or("");
-        EXPECT_EQ(failure.empty(), row.failure.empty()) << failure;
-        EXPECT_NE(failure.find(row.failure), std::string::npos) << failure;
+        EXPECT_EQ(std::tuple(failure.empty(), failure.find(expected) != std::string::npos),
+                  std::tuple(expected.empty(), true))
+            << failure;
     }
 }
 
 TEST(SoakMonitorTest, MeasuresThisProcess) {
     const auto before = tool::SoakMonitor::measure(0, 0, 0);
-    FILE* extra = std::fopen("/proc/self/status", "r");
-    ASSERT_NE(extra, nullptr);
+    std::ifstream extra("/proc/self/status");
     const auto after = tool::SoakMonitor::measure(0, 0, 0);
-    std::fclose(extra);
-    EXPECT_GT(before.rssBytes, 0);
-    EXPECT_GE(before.threads, 1);
-    EXPECT_EQ(after.descriptors, before.descriptors + 1);
-    EXPECT_NE(before.threadNames.find(" test_tools"), std::string::npos) << before.threadNames;
+    EXPECT_EQ(std::tuple(before.rssBytes > 0, before.threads >= 1, after.descriptors,
+                         before.threadNames.find(" test_tools") != std::string::npos),
+              std::tuple(true, true, before.descriptors + 1, true))
+        << before.threadNames;
 }
 
 // MARK: - play against an origin that misbehaves: the tool ends with the engine's verdict as soon
@@ -511,10 +470,10 @@ TEST(PlayFaultTest, EndsWithTheEnginesErrorAsSoonAsPreparationFails) {
             origin.script("/v/media.m3u8", {{.fault = Fault::raw, .raw = c.mediaAnswer}}, "GET");
 
         const JsonRun play(origin.url("/master.m3u8"));
-        EXPECT_EQ(play.run.status, 1) << play.run.err;
-        EXPECT_EQ(play.notJson, Args{});
-        EXPECT_EQ(play.error.value("code", 0), c.code) << play.error.dump() << play.run.err;
-        EXPECT_TRUE(play.error.value("message", "").starts_with("AVURLAsset is not ")) << play.error.dump();
+        EXPECT_EQ(std::tuple(play.run.status, play.notJson, play.error.value("code", 0),
+                             play.error.value("message", "").starts_with("AVURLAsset is not ")),
+                  std::tuple(1, Args{}, c.code, true))
+            << play.error.dump() << play.run.err;
     }
 }
 
@@ -525,23 +484,15 @@ TEST(PlayFaultTest, WithJsonTheLibrarysPrintsGoToStandardError) {
     origin.script("/master.m3u8", {{405}}, "HEAD");
     origin.script("/master.m3u8", {{503}}, "GET");
     const JsonRun play(origin.url("/master.m3u8"));
-    EXPECT_EQ(play.run.status, 1);
-    EXPECT_EQ(play.notJson, Args{});
-    EXPECT_NE(play.run.err.find("405\n"), std::string::npos) << play.run.err;
-    EXPECT_EQ(play.error.value("code", 0), 0x8201);
+    EXPECT_EQ(std::tuple(play.run.status, play.notJson, play.run.err.find("405\n") != std::string::npos,
+                         play.error.value("code", 0)),
+              std::tuple(1, Args{}, true, 0x8201))
+        << play.run.err;
 }
 
 // MARK: - bridge: real HLS players (ffmpeg, mpv, GStreamer) on the built-in sample served by one
 // loopback origin with a second one as the edge: the segments must come from the edge the library
 // chose, the playlists from the origin through the library's listener.
-
-bool installed(const std::string& program) {
-    return std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) == 0;
-}
-
-std::string contentOf(const std::filesystem::path& path) {
-    return tool::readFile(path.string()).value_or("");
-}
 
 // Duration in seconds of a media file, as ffprobe reads it; 0 when it cannot.
 double durationOf(const std::filesystem::path& path) {
@@ -549,36 +500,33 @@ double durationOf(const std::filesystem::path& path) {
     std::system(("ffprobe -v error -show_entries format=duration -of csv=p=0 '" + path.string() + "' > '" +
                  out + "' 2>/dev/null")
                     .c_str());
-    return std::atof(contentOf(out).c_str());
+    return std::atof(tool::readFile(out).value_or("").c_str());
 }
 
 // How many requests `origin` answered whose path ends with `suffix`.
 int count(const tool::Origin& origin, const std::string& suffix) {
-    const auto all = origin.requests();
-    return static_cast<int>(std::count_if(
-        all.begin(), all.end(), [&](const tool::Origin::Exchange& e) { return e.path.ends_with(suffix); }));
+    return static_cast<int>(
+        std::ranges::count_if(origin.requests(), [&](const auto& e) { return e.path.ends_with(suffix); }));
 }
 
+// In `command`, {} is the master URL and {out} a file in the test's directory; `logged` is a text
+// the client's {out}.log must hold, or empty when {out}.mp4 must last the sample's 12 s.
 struct ClientRow {
-    const char* what; // the test's name
-    const char* program;
-    // {} is the master URL, {out} a file in the test's directory.
-    std::string command;
-    // What the run must have left in the test's directory.
-    std::function<void(const std::filesystem::path& directory)> check;
+    const char *what, *program;
+    std::string command, logged;
 };
 
 class RealClientTest : public ::testing::TestWithParam<ClientRow> {};
 
 TEST_P(RealClientTest, PlaysThroughTheBridgeFromTheChosenEdge) {
     const auto& row = GetParam();
-    if (!installed(row.program)) GTEST_SKIP() << row.program << " is not installed (./ovalto.sh setup)";
+    if (std::system(("command -v "s + row.program + " >/dev/null 2>&1").c_str()) != 0)
+        GTEST_SKIP() << row.program << " is not installed (./ovalto.sh setup)";
     const auto directory = std::filesystem::temp_directory_path() /
                            ("ovalto-client-" + std::to_string(::getpid()) + "-" + row.program);
     std::filesystem::create_directories(directory);
 
-    tool::Origin::Options sample;
-    sample.directory = tool::builtInSampleDirectory();
+    const tool::Origin::Options sample{.directory = tool::builtInSampleDirectory(), .onRequest = {}};
     tool::Origin origin(sample), edge(sample);
     ASSERT_TRUE(origin.start() && edge.start());
     std::string edgeUrl = edge.baseUrl();
@@ -589,16 +537,18 @@ TEST_P(RealClientTest, PlaysThroughTheBridgeFromTheChosenEdge) {
     const auto run = ovalto("bridge", {origin.baseUrl() + "master.m3u8", "--edge", "1=" + edgeUrl,
                                        "--log-level", "silent", "--exec", "timeout 60 " + command});
     const std::string timeline = run.out + run.err;
-
     EXPECT_EQ(run.status, 0) << timeline;
-    row.check(directory);
+    if (row.logged.empty())
+        EXPECT_NEAR(durationOf(directory / "out.mp4"), 12.0, 0.5);
+    else
+        EXPECT_NE(tool::readFile(directory / "out.log").value_or("").find(row.logged), std::string::npos);
     // Segments from the edge only; the origin served the playlists (to the library) and the
     // initialisation sections, which are never moved.
-    EXPECT_GT(count(edge, ".m4s"), 0);
-    EXPECT_EQ(std::tuple(count(origin, ".m4s"), count(edge, ".m3u8")), std::tuple(0, 0));
-    EXPECT_GT(count(origin, ".m3u8"), 0);
-    EXPECT_NE(timeline.find("manifest request"), std::string::npos);
-    EXPECT_NE(timeline.find("GET /cplp/local/master.m3u8 20"), std::string::npos);
+    EXPECT_EQ(std::tuple(count(edge, ".m4s") > 0, count(origin, ".m4s"), count(edge, ".m3u8"),
+                         count(origin, ".m3u8") > 0, timeline.find("manifest request") != std::string::npos,
+                         timeline.find("GET /cplp/local/master.m3u8 20") != std::string::npos),
+              std::tuple(true, 0, 0, true, true, true))
+        << timeline;
     std::filesystem::remove_all(directory);
 }
 
@@ -606,20 +556,14 @@ INSTANTIATE_TEST_SUITE_P(
     Clients, RealClientTest,
     ::testing::Values(
         ClientRow{"FfmpegCopiesEveryStreamOfTheSample", "ffmpeg",
-                  "ffmpeg -nostdin -v error -i {} -map 0 -c copy -f mp4 {out}.mp4",
-                  [](const auto& directory) { EXPECT_NEAR(durationOf(directory / "out.mp4"), 12.0, 0.5); }},
+                  "ffmpeg -nostdin -v error -i {} -map 0 -c copy -f mp4 {out}.mp4", ""},
         ClientRow{"MpvPlaysToTheEnd", "mpv",
                   "mpv --no-config --vo=null --ao=null --untimed --speed=10 --audio-pitch-correction=no "
                   "--really-quiet --log-file={out}.log {}",
-                  [](const auto& directory) {
-                      EXPECT_NE(contentOf(directory / "out.log").find("Exiting... (End of file)"),
-                                std::string::npos);
-                  }},
+                  "Exiting... (End of file)"},
         ClientRow{"GStreamerPlaybinReachesEndOfStream", "gst-launch-1.0",
                   "gst-launch-1.0 playbin uri={} video-sink=fakesink audio-sink=fakesink > {out}.log",
-                  [](const auto& directory) {
-                      EXPECT_NE(contentOf(directory / "out.log").find("Got EOS"), std::string::npos);
-                  }}),
+                  "Got EOS"}),
     [](const auto& info) { return std::string(info.param.what); });
 
 } // namespace
