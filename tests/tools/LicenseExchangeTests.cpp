@@ -20,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include <spawn.h>
 #include <sys/wait.h>
 
 #include <atomic>
@@ -35,6 +36,8 @@ using platform::Error;
 using platform::Url;
 using tool::LicenseServer;
 using Fault = LicenseServer::Fault;
+
+extern char** environ;
 
 namespace {
 
@@ -338,13 +341,16 @@ TEST(KeyStoreChild, StoresAKeyAndDies) {
 
 TEST(KeyStore, SurvivesAKilledProcess) {
     Ovalto::deleteLicense("abc123");
-    const std::string child = "OVALTO_KEY_STORE_CHILD=1 " +
-                              std::filesystem::read_symlink("/proc/self/exe").string() +
-                              " --gtest_filter=KeyStoreChild.StoresAKeyAndDies >/dev/null";
-    // The shell reports the kill as 128 + 9, unless it ran the child in its own place.
-    const int status = std::system(child.c_str());
-    ASSERT_TRUE(WIFSIGNALED(status) ? WTERMSIG(status) == SIGKILL : WEXITSTATUS(status) == 128 + SIGKILL)
-        << status;
+    std::string self = std::filesystem::read_symlink("/proc/self/exe"),
+                filter = "--gtest_filter=KeyStoreChild.StoresAKeyAndDies";
+    char* argv[] = {self.data(), filter.data(), nullptr};
+    setenv("OVALTO_KEY_STORE_CHILD", "1", 1);
+    pid_t child = 0;
+    ASSERT_EQ(posix_spawn(&child, self.c_str(), nullptr, nullptr, argv, environ), 0);
+    unsetenv("OVALTO_KEY_STORE_CHILD");
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
     EXPECT_EQ(storedKey(), "demo");
     Ovalto::deleteLicense("abc123");
 }
